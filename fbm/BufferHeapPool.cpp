@@ -1,0 +1,288 @@
+#define LOG_TAG "vexlor-fbm_pool"
+#define LOG_SRC_PATH "pipeline/pipeline/fbm/BufferHeapPool"
+
+#include "BufferHeapPool.h"
+
+#include <sys/prctl.h>
+
+#include <sstream>
+
+#include <vexlor/LogScheme.h>
+#include <vexlor/Properties.h>
+#include <vexlor/Trace.h>
+
+namespace NSCam::v3::pipeline {
+
+namespace {
+constexpr int32_t kFirstTargetCapSpecial = 4;
+constexpr int32_t kFirstTargetCap = 7;
+constexpr int64_t kSpecialIdMask = 0x00FFFF0000000000;
+constexpr int64_t kSpecialIdValue = 0x0001000000000000;
+}  // namespace
+
+BufferHeapPool::BufferHeapPool(std::string name, HeapAllocator& allocator)
+    : mLogLevel(NSCam::Utils::Properties::property_get_int32(
+          "vendor.debug.camera.log.pipeline.fbm.pool", 0)),
+      mPoolName(std::move(name)),
+      mAllocator(allocator) {}
+
+BufferHeapPool::~BufferHeapPool() {
+    // Each wake-up is sent under the lock its waiter tests mExit with, so it cannot be missed.
+    mExit = true;
+    {
+        MutexLocker lk(mAvailableLock);
+        mAvailableCond.notify_one();
+    }
+    {
+        MutexLocker lk(mCountLock);
+        mUpdateCond.notify_one();
+    }
+    for (auto& f : mUpdateFutures) f.get();
+    mUpdateFutures.clear();
+    {
+        LockGuard<Mutex> lk(mAvailableLock);
+        mAvailableBuf.clear();
+    }
+    std::ostringstream oss;
+    size_t inUse = 0;
+    {
+        LockGuard<Mutex> lk(mInUseLock);
+        while (!mInUseBuf.empty()) {
+            oss << static_cast<void const*>(mInUseBuf.front().get()) << "; ";
+            mInUseBuf.pop_front();
+        }
+        inUse = mInUseBuf.size();  // read after draining: always 0, the heaps follow it
+    }
+    MY_LOGI("Pool(%s-%p) inUse(#%zu) not return to pool. %s", mPoolName.c_str(), this, inUse,
+            oss.str().c_str());
+}
+
+int32_t BufferHeapPool::allocateBuffers(char const* streamName, int64_t streamId, size_t max,
+                                        size_t min) {
+    CAM_TRACE_NAME("allocateBuffers");
+    if (min > max) {
+        MY_LOGE("[%s] min(%zu) > max(%zu)", streamName, min, max);
+        return -EINVAL;
+    }
+    size_t logged = max;
+    if (!mInitialized) {
+        // The first sizing is capped whatever the maximum; the pool grows later only through
+        // updateMaxBuffer.
+        int32_t const cap = ((streamId & kSpecialIdMask) == kSpecialIdValue) ? kFirstTargetCapSpecial
+                                                                             : kFirstTargetCap;
+        int32_t const target = static_cast<int32_t>(std::min<size_t>(max, cap));
+        mAllocatedCount.store(0);
+        mMinInitBuffer = static_cast<int32_t>(min);
+        updateBufferCount(target);
+        mInitialized = true;
+        logged = static_cast<size_t>(target);
+    }
+    MY_LOGD("[%s] max(%zu) min(%zu)", streamName, logged, min);
+    return 0;
+}
+
+int32_t BufferHeapPool::acquireFromPool(char const* callerName, HeapPtr& out) {
+    MY_LOGD_IF(mLogLevel >= 1, "[%s]", callerName);
+    LockGuard<Mutex> lk(mPoolLock);
+    return getBufferFromPool_l(callerName, out);
+}
+
+int32_t BufferHeapPool::getBufferFromPool_l(char const* callerName, HeapPtr& out) {
+    DualLocker lk(mAvailableLock, mInUseLock);
+    MY_LOGD_IF(mLogLevel >= 1, "[%s] available(#%zu) inUse(#%zu)", callerName,
+               mAvailableBuf.size(), mInUseBuf.size());
+    if (mAvailableBuf.empty()) return -ETIMEDOUT;
+    mInUseBuf.splice(mInUseBuf.end(), mAvailableBuf, mAvailableBuf.begin());
+    out = mInUseBuf.back();
+    return 0;
+}
+
+int32_t BufferHeapPool::releaseToPool(char const* callerName, HeapPtr&& heap) {
+    MY_LOGD_IF(mLogLevel >= 1, "[%s]", callerName);
+    LockGuard<Mutex> lk(mPoolLock);
+    return returnBufferToPool_l(callerName, heap);
+}
+
+int32_t BufferHeapPool::returnBufferToPool_l(char const* callerName, HeapPtr& heap) {
+    DualLocker lk(mAvailableLock, mInUseLock);
+    auto it = mInUseBuf.begin();
+    for (; it != mInUseBuf.end(); ++it) {
+        if (it->get() == heap.get()) break;
+    }
+    if (it == mInUseBuf.end()) {
+        MY_LOGE("[%s] fail to return buffer. available(#%zu) inUse(#%zu) buffer(%p)", callerName,
+                mAvailableBuf.size(), mInUseBuf.size(), heap.get());
+        return -EINVAL;
+    }
+    mAvailableBuf.splice(mAvailableBuf.end(), mInUseBuf, it);
+    mAvailableCond.notify_one();
+    MY_LOGD_IF(mLogLevel >= 1, "[%s] successfully return buffer. available(#%zu) inUse(#%zu) buffer(%p)",
+               callerName, mAvailableBuf.size(), mInUseBuf.size(), heap.get());
+    return 0;
+}
+
+int32_t BufferHeapPool::updateBufferCount(int32_t count) {
+    CAM_TRACE_NAME("updateBufferCount");
+    {
+        LockGuard<Mutex> lk(mCountLock);
+        mTargetMaxBuffer = count;
+    }
+    if (mUpdateFutures.empty()) {
+        mUpdateFutures.push_back(std::async(std::launch::async, [this]() { return workerLoop(); }));
+    } else {
+        MY_LOGD("notify existed updateBufferCount thread: pool(%s)", mPoolName.c_str());
+        mUpdateCond.notify_one();
+    }
+    return 0;
+}
+
+// The resizing worker: one heap per pass, allocator called with no lock held, available heaps
+// freed oldest first. Its two waits are single waits without a predicate loop: each is skipped
+// when what it waits for has already happened (tested under the lock the notifier takes), and any
+// other wake-up just runs one more pass, which re-reads the target.
+int32_t BufferHeapPool::workerLoop() {
+    char const* const fn = "operator()";
+    MY_LOGD_AS(fn, "updateBufferCount thread + : pool(%s)", mPoolName.c_str());
+    ::prctl(PR_SET_NAME, "updateBufferCount", 0, 0, 0);
+    int32_t target;
+    {
+        LockGuard<Mutex> lk(mCountLock);
+        target = mTargetMaxBuffer;
+    }
+    while (!mExit) {
+        MY_LOGD_IF_AS(mLogLevel >= 1, fn, "updateBufferCount: current max(%d) target(%d)",
+                      mAllocatedCount.load(), target);
+        if (mAllocatedCount < target) {
+            HeapPtr heap = mAllocator();
+            if (heap) {
+                LockGuard<Mutex> lk(mAvailableLock);
+                mAvailableBuf.push_back(std::move(heap));
+                ++mAllocatedCount;
+            } else {
+                MY_LOGE_AS(fn, "do_construct allocate buffer failed");
+                if (!mExit) continue;  // retried at once, deliberately
+            }
+        }
+        if (mAllocatedCount > target) {
+            HeapPtr freed;  // let go outside the lock
+            {
+                MutexLocker lk(mAvailableLock);
+                if (mAvailableBuf.empty() && !mExit) mAvailableCond.wait(lk.std());
+                if (!mAvailableBuf.empty()) {
+                    freed = std::move(mAvailableBuf.front());
+                    mAvailableBuf.pop_front();
+                    --mAllocatedCount;
+                }
+            }
+        }
+        if (mAllocatedCount == target) {
+            MY_LOGD_AS(fn, "updateBufferCount: [%s] done (%d)", mPoolName.c_str(), target);
+            MutexLocker lk(mCountLock);
+            MY_LOGD_AS(fn, "wait +");
+            if (mTargetMaxBuffer == target && !mExit) mUpdateCond.wait(lk.std());
+            MY_LOGD_AS(fn, "wait -");
+        }
+        {
+            LockGuard<Mutex> lk(mCountLock);
+            target = mTargetMaxBuffer;
+        }
+    }
+    MY_LOGD_AS(fn, "updateBufferCount thread - : pool(%s)", mPoolName.c_str());
+    return 0;
+}
+
+int32_t BufferHeapPool::updateMaxBuffer(int32_t& newMax) {
+    int32_t const current = mAllocatedCount.load();
+    int32_t oldTarget;
+    int32_t needDecrease = 0;
+    {
+        LockGuard<Mutex> lk(mCountLock);
+        oldTarget = mTargetMaxBuffer;
+        if (current > newMax) {
+            mNeedDecreaseMaxBuffer = current - newMax;
+            needDecrease = mNeedDecreaseMaxBuffer;
+            MY_LOGD_IF(mLogLevel >= 1, "[%s] set mNeedDecreaseMaxBuffer = %d", mPoolName.c_str(),
+                       mNeedDecreaseMaxBuffer);
+        }
+        // Otherwise a pending decrease is left as it is, deliberately.
+    }
+    MY_LOGI("[%s] buffer pool number : current config max(#%d), target config max(#%d), current "
+            "max(#%d), need decrease(#%d)",
+            mPoolName.c_str(), oldTarget, newMax, current, needDecrease);
+    updateBufferCount(newMax);
+    return 0;
+}
+
+int32_t BufferHeapPool::getMaxBuffer(int32_t& out) const {
+    LockGuard<Mutex> lk(mCountLock);
+    out = mTargetMaxBuffer;
+    return 0;
+}
+
+int32_t BufferHeapPool::getAllocatedBuffer(int32_t& out) const {
+    out = mAllocatedCount.load();
+    return 0;
+}
+
+bool BufferHeapPool::isPoolWaitForRelease() const {
+    LockGuard<Mutex> lk(mCountLock);
+    MY_LOGD_IF(mLogLevel >= 1, "[%s] mNeedDecreaseMaxBuffer = %d", mPoolName.c_str(),
+               mNeedDecreaseMaxBuffer);
+    return mNeedDecreaseMaxBuffer > 0;
+}
+
+bool BufferHeapPool::isPoolNeedRelease(int32_t& needRelease) {
+    size_t available, inUse;
+    {
+        LockGuard<Mutex> lk(mAvailableLock);
+        available = mAvailableBuf.size();
+    }
+    {
+        LockGuard<Mutex> lk(mInUseLock);
+        inUse = mInUseBuf.size();
+    }
+    int32_t need;
+    {
+        LockGuard<Mutex> lk(mCountLock);
+        need = mNeedDecreaseMaxBuffer;
+        if (static_cast<int64_t>(available) < need) {
+            needRelease = need - static_cast<int32_t>(available);
+        }
+        // The pending decrease is consumed by this call; the worker carries it out through the
+        // target count.
+        mNeedDecreaseMaxBuffer = 0;
+        MY_LOGD_IF(mLogLevel >= 1, "[%s] reset mNeedDecreaseMaxBuffer = %d -> %d",
+                   mPoolName.c_str(), need, 0);
+    }
+    if (need < 1) {
+        MY_LOGD_IF(mLogLevel >= 2, "Pool(%s-%p) available(#%zu) inUse(#%zu)", mPoolName.c_str(),
+                   this, available, inUse);
+        return available == 0;
+    }
+    MY_LOGD("Pool(%s-%p) available(#%zu) inUse(#%zu) need decrease(%d) need release(%d)",
+            mPoolName.c_str(), this, available, inUse, need, needRelease);
+    return true;
+}
+
+void BufferHeapPool::dumpPool() const {
+    if (!NSCam::Utils::ULog::ulogInfoOn()) return;
+    std::ostringstream oss;
+    oss << "Pool(" << mPoolName << "-" << static_cast<void const*>(this) << ") "
+        << "logLevel(" << mLogLevel << ") "
+        << "future(#" << mUpdateFutures.size() << ") "
+        << "max(#" << mAllocatedCount.load() << ") "
+        << "min(#" << mMinInitBuffer << ") ";
+    {
+        LockGuard<Mutex> lk(mAvailableLock);
+        oss << "available(#" << mAvailableBuf.size() << "): ";
+        for (auto const& h : mAvailableBuf) oss << static_cast<void const*>(h.get()) << "; ";
+    }
+    {
+        LockGuard<Mutex> lk(mInUseLock);
+        oss << "inUse(#" << mInUseBuf.size() << "): ";
+        for (auto const& h : mInUseBuf) oss << static_cast<void const*>(h.get()) << "; ";
+    }
+    MY_LOGI("%s", oss.str().c_str());
+}
+
+}  // namespace NSCam::v3::pipeline

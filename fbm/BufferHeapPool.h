@@ -1,0 +1,88 @@
+#pragma once
+// A pool of allocated image buffer heaps that one or more BufferProducers draw from.
+//
+// It never blocks a caller: acquireFromPool hands out the heap that has been available longest or
+// returns -110 at once; waiting is the producer's business. Heaps are made and freed by one
+// background worker per pool, which drives the pool towards a target count one heap per pass.
+//
+// Locks, outermost first:
+//   mPoolLock       serialises acquireFromPool and releaseToPool.
+//   mAvailableLock  guards mAvailableBuf; with mInUseLock always taken together (std::lock),
+//   mInUseLock      guards mInUseBuf;     except in isPoolNeedRelease, dumpPool and the destructor.
+//   mCountLock      guards the target and the pending decrease; never held with the list locks.
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <vexlor/ImageBufferHeap.h>
+#include <vexlor/ThreadAnnotations.h>
+
+namespace NSCam::v3::pipeline {
+
+// Makes one heap; an empty handle means the allocation failed.
+using HeapAllocator = std::function<std::shared_ptr<nivo::IImageBufferHeap>()>;
+
+class BufferHeapPool {
+public:
+    using HeapPtr = std::shared_ptr<nivo::IImageBufferHeap>;
+
+    BufferHeapPool(std::string name, HeapAllocator& allocator);
+    // Stops the worker (waits for it), then releases every heap.
+    ~BufferHeapPool();
+    BufferHeapPool(BufferHeapPool const&) = delete;
+    BufferHeapPool& operator=(BufferHeapPool const&) = delete;
+
+    // First sizing, effective once: starts the worker towards min(max, 4 or 7). -22 if min > max.
+    int32_t allocateBuffers(char const* streamName, int64_t streamId, size_t max, size_t min);
+    // 0 and the heap, or -110 when none is available (out untouched).
+    int32_t acquireFromPool(char const* callerName, HeapPtr& out) EXCLUDES(mPoolLock);
+    // 0, or -22 when the heap is not in use from this pool (it stays with the caller).
+    int32_t releaseToPool(char const* callerName, HeapPtr&& heap) EXCLUDES(mPoolLock);
+    // Sets the target count and starts or wakes the worker. Always 0.
+    int32_t updateBufferCount(int32_t count) EXCLUDES(mCountLock);
+    // Changes the target; records how many heaps must be shed when it drops below the count made.
+    int32_t updateMaxBuffer(int32_t& newMax) EXCLUDES(mCountLock);
+    int32_t getMaxBuffer(int32_t& out) const EXCLUDES(mCountLock);
+    int32_t getAllocatedBuffer(int32_t& out) const;
+    // A lowered maximum is pending: the available heaps are about to be freed.
+    bool isPoolWaitForRelease() const EXCLUDES(mCountLock);
+    // Whether the producer must make room; consumes the pending decrease. needRelease gets the
+    // number of in-use heaps that must come back, when that is above 0.
+    bool isPoolNeedRelease(int32_t& needRelease) EXCLUDES(mCountLock, mAvailableLock, mInUseLock);
+    void dumpPool() const;
+    char const* poolName() const { return mPoolName.c_str(); }
+
+private:
+    int32_t getBufferFromPool_l(char const* callerName, HeapPtr& out) REQUIRES(mPoolLock);
+    int32_t returnBufferToPool_l(char const* callerName, HeapPtr& heap) REQUIRES(mPoolLock);
+    int32_t workerLoop();
+
+    int32_t mLogLevel;
+    std::string mPoolName;
+    HeapAllocator mAllocator;
+    Mutex mPoolLock ACQUIRED_BEFORE(mAvailableLock, mInUseLock);
+    mutable Mutex mAvailableLock;
+    mutable Mutex mInUseLock;
+    std::list<HeapPtr> mAvailableBuf GUARDED_BY(mAvailableLock);  // out at the front, in at the back
+    std::list<HeapPtr> mInUseBuf GUARDED_BY(mInUseLock);          // in acquisition order
+    bool mInitialized = false;  // configuring thread only
+    std::atomic<bool> mExit{false};
+    std::atomic<int32_t> mAllocatedCount{0};  // available + in use; changed by the worker only
+    int32_t mMinInitBuffer = 0;
+    int32_t mTargetMaxBuffer GUARDED_BY(mCountLock) = 0;
+    int32_t mNeedDecreaseMaxBuffer GUARDED_BY(mCountLock) = 0;
+    // The worker's future. Written once (by the first updateBufferCount, on the configuring
+    // thread) before any other thread can see the pool sized; then only read.
+    std::vector<std::future<int32_t>> mUpdateFutures;
+    std::condition_variable mAvailableCond;  // a heap came back to mAvailableBuf; with mAvailableLock
+    mutable Mutex mCountLock;
+    std::condition_variable mUpdateCond;  // the target changed, or exit; with mCountLock
+};
+
+}  // namespace NSCam::v3::pipeline

@@ -1,0 +1,98 @@
+#pragma once
+// The pool of image stream buffers of one pooled image stream.
+//
+// It wraps heaps of a BufferHeapPool (shared by the producers of a pool-shared group) into HAL
+// image stream buffers, and tracks which stream buffers use which heap: a heap goes back to the
+// heap pool only when the last stream buffer over it is released (several may share one, shareSB).
+// When no heap is to be had it waits in 10 ms slices up to the caller's time-out and, when the
+// heap pool says so, asks the manager through mReleaseCallback to release kept buffers.
+//
+// Ownership: made only through std::make_shared (it hands shared handles of itself to the stream
+// buffers it makes, which keep it alive until released); it holds its heap pool.
+//
+// Locks: mHeapPoolLock (heap pool handle, mInitialized, the wait) and mMapLock (counts and maps)
+// are never held together. The release callback is called with no lock held: it may release
+// buffers, re-entering releaseToPool of this or another producer on the same thread.
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include <vexlor/StreamBuffer.h>
+#include <vexlor/ThreadAnnotations.h>
+
+#include "BufferHeapPool.h"
+
+namespace NSCam::v3::pipeline {
+
+class BufferProducer : public IImageStreamBufferPool,
+                       public std::enable_shared_from_this<BufferProducer> {
+public:
+    // (stream id, heaps wanted back, log flag). Must not be empty.
+    using ReleaseCallback = std::function<void(int64_t, int32_t, bool)>;
+    using SbPtr = std::shared_ptr<IImageStreamBuffer>;
+    using HeapPtr = std::shared_ptr<nivo::IImageBufferHeap>;
+
+    // A non-empty `sharedProducer` gives this producer that producer's heap pool.
+    BufferProducer(std::string name, std::shared_ptr<IImageStreamInfo> info,
+                   ReleaseCallback const& releaseCallback,
+                   std::shared_ptr<BufferProducer> const& sharedProducer);
+    ~BufferProducer() override;
+
+    // IImageStreamBufferPool. poolName and dumpPool need a heap pool. initPool and commitPool
+    // return -1: set-up goes through initProducer.
+    char const* poolName() const override;
+    void dumpPool() const override;
+    int32_t initPool(char const* name, size_t maxNumberOfBuffers,
+                     size_t minNumberOfInitialCommittedBuffers) override;
+    void uninitPool(char const* name) override;
+    int32_t commitPool(char const* name) override;
+    // 0 and a buffer; -22 no heap pool; -16 no heap within `timeoutNs`; -12 buffer not made.
+    int32_t acquireFromPool(char const* name, SbPtr& out, int64_t timeoutNs) override
+        EXCLUDES(mHeapPoolLock, mMapLock);
+    // Called by a buffer released to its owner. 0, or -22 without a heap pool. Fatal for a buffer
+    // this producer does not track.
+    int32_t releaseToPool(char const* name, SbPtr buffer) override EXCLUDES(mHeapPoolLock, mMapLock);
+
+    // Sizes the pool (creating a heap pool with `allocator` if there is none). Effective once.
+    int32_t initProducer(size_t max, size_t min, HeapAllocator&& allocator)
+        EXCLUDES(mHeapPoolLock, mMapLock);
+    void setMinInitBufferCount(size_t count) EXCLUDES(mMapLock);
+    int32_t setMaxBufferCount(int32_t& count) EXCLUDES(mMapLock);
+    int32_t getMaxBuffer(int32_t& out) const EXCLUDES(mHeapPoolLock);
+    int32_t getAllocatedBuffer(int32_t& out) const EXCLUDES(mHeapPoolLock);
+    // A new heap pool; refused (-22) while any buffer is out.
+    int32_t setBufferHeapPool(std::shared_ptr<BufferHeapPool> const& pool)
+        EXCLUDES(mHeapPoolLock, mMapLock);
+    // A second stream buffer over the heap of `source` (one of ours), or empty.
+    SbPtr shareSB(SbPtr const& source) EXCLUDES(mMapLock);
+    // Gives every tracked heap back and forgets every buffer (they stay alive, untracked).
+    void clear() EXCLUDES(mHeapPoolLock, mMapLock);
+    std::string toString() const;
+    void dump() const EXCLUDES(mHeapPoolLock, mMapLock);
+
+private:
+    int32_t allocatePoolBuffersLocked(HeapAllocator& allocator) REQUIRES(mHeapPoolLock);
+    std::shared_ptr<BufferHeapPool> heapPool() const EXCLUDES(mHeapPoolLock);
+
+    int32_t mLogLevel;
+    std::string mName;
+    mutable Mutex mHeapPoolLock;
+    std::condition_variable mHeapPoolCond;  // a heap of ours went back; with mHeapPoolLock
+    std::shared_ptr<IImageStreamInfo> mStreamInfo;
+    // Written by construction, initProducer and setBufferHeapPool (configuring thread, under the
+    // lock); poolName and dumpPool read it without the lock, as they must stay cheap.
+    std::shared_ptr<BufferHeapPool> mHeapPool GUARDED_BY(mHeapPoolLock);
+    bool mInitialized GUARDED_BY(mHeapPoolLock) = false;
+    mutable Mutex mMapLock;
+    size_t mMaxBufferCount GUARDED_BY(mMapLock) = 0;
+    size_t mMinInitBufferCount GUARDED_BY(mMapLock) = 0;
+    std::map<SbPtr, HeapPtr> mSbToHeap GUARDED_BY(mMapLock);
+    std::map<HeapPtr, std::set<SbPtr>> mHeapToSbs GUARDED_BY(mMapLock);  // set size: "ref_cnt"
+    ReleaseCallback mReleaseCallback;
+};
+
+}  // namespace NSCam::v3::pipeline

@@ -1,0 +1,238 @@
+#pragma once
+// FrameBufferManagerImpl: the frame buffer manager behind IFrameBufferManager and its three
+// companion interfaces, and the process-wide metadata free worker.
+//
+// Locks of the manager, and what each guards:
+//   mConfigLock     the configuration maps, the sharing groups (for writing), the configuration
+//                   printer and mPoolStreamInfos. Held only to copy or store; never around pools.
+//   mConfigLogLock  the kept configuration lines. Only ever tried, never waited for.
+//   mInFlightLock   the in-flight list and every set in it.
+//   mReadyLock      the ready list and mReadyStreamCounters.
+//   mInSelectLock   held by a selector from beginSelect to endSelect.
+// Order: mInSelectLock before mReadyLock; mInFlightLock and mReadyLock are never held together.
+// Producers and heap pools are called with no manager lock held, except that keeping a frame's
+// buffers (shareSB) runs under mInFlightLock.
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fbm/IFrameBufferManager.h>
+#include <vexlor/Debuggee.h>
+#include <vexlor/IPrinter.h>
+#include <vexlor/ImageBufferHeap.h>
+#include <vexlor/ThreadAnnotations.h>
+
+#include "BufferHeapPool.h"
+#include "BufferProducer.h"
+
+namespace NSCam::v3::pipeline {
+
+// ---- metadata free worker ----------------------------------------------------------------------
+// Destroys metadata stream buffers of released frames on its own thread, so that a pipeline thread
+// releasing many kept frames is not held up. One per process: gFreeMetaObject.
+class FreeMetaObject {
+public:
+    using MetaPtr = std::shared_ptr<IMetaStreamBuffer>;
+    FreeMetaObject();
+    ~FreeMetaObject();
+    FreeMetaObject(FreeMetaObject const&) = delete;
+    FreeMetaObject& operator=(FreeMetaObject const&) = delete;
+
+    // Takes every buffer over (the vector is left empty) and wakes the worker.
+    void freeBufferVec(std::vector<MetaPtr>& buffers);
+    void freeBufferThreadLoop();
+
+private:
+    std::mutex mLock;
+    std::condition_variable mCond;
+    std::vector<MetaPtr> mPending;  // guarded by mLock; in hand-over order
+    std::thread mWorker;
+    std::atomic<bool> mExit{false};
+};
+
+extern FreeMetaObject gFreeMetaObject;
+
+// Lets go of one buffer on the calling thread. The image variant first gives the buffer back to
+// its owner (releaseToOwner); the handle must not be empty. The metadata variant only resets.
+void releaseBuffer(std::shared_ptr<IImageStreamBuffer>& buffer);
+void releaseBuffer(std::shared_ptr<IMetaStreamBuffer>& buffer);
+
+// ---- allocation --------------------------------------------------------------------------------
+nivo::IImageBufferAllocator::ImgParam generateImgParam(IImageStreamInfo const* info);
+
+// The heap allocator of a pool: one heap per call, from the allocation info and its parameters.
+struct Allocator {
+    std::shared_ptr<IImageStreamInfo> allocInfo;
+    nivo::IImageBufferAllocator::ImgParam param;
+    std::shared_ptr<nivo::IImageBufferHeap> operator()() const;
+};
+
+// ---- the manager -------------------------------------------------------------------------------
+class FrameBufferManagerImpl : public IFrameBufferManager,
+                               public IPipelineFrameStreamBufferProvider,
+                               public IPipelineFrameHalResultProcessor,
+                               public NSCam::IDebuggeeTarget {
+public:
+    // Configuration records; immutable once stored, so a handle may be used without a lock.
+    struct ConfigImageStream {
+        std::shared_ptr<IImageStreamInfo> info;       // the stream's own info
+        std::shared_ptr<IImageStreamInfo> allocInfo;  // what its pool allocates from; null: no pool
+        StreamAttribute attribute = eBUFFER_SOURCE_USER;
+        std::shared_ptr<BufferProducer> pPool;            // POOL path
+        std::shared_ptr<IStreamBufferProvider> provider;  // PROVIDER streams
+    };
+    struct ConfigMetaStream {
+        std::shared_ptr<IMetaStreamInfo> info;
+        StreamAttribute attribute = eHAL_META;
+        uint32_t reserved = 0;  // not set by configuration
+    };
+    // One group of image streams configured together (one allocation when they share a pool).
+    struct AddImageStreams {
+        std::vector<std::shared_ptr<IImageStreamInfo>> infos;
+        StreamAttribute attribute = eBUFFER_SOURCE_USER;
+        std::shared_ptr<IStreamBufferProvider> provider;
+    };
+
+    // A frame in flight. Written by trackFrameResult (creation) and returnResult (timestamp, kept
+    // buffers, remaining), always under mInFlightLock. Moved, never copied.
+    struct InFlightBufferSet {
+        uint32_t frameNo = 0;
+        uint32_t requestNo = 0;
+        int64_t timestamp = 0;  // the first positive timestamp a result brought; 0 until then
+        std::vector<std::shared_ptr<IImageStreamBuffer>> halImage;  // kept so far
+        std::vector<std::shared_ptr<IMetaStreamBuffer>> halMeta;
+        std::vector<std::shared_ptr<IMetaStreamBuffer>> appMeta;
+        std::shared_ptr<TrackFrameResultParams const> trackParams;
+        size_t remaining = 0;  // tracked buffers still expected; the frame completes at 0
+
+        InFlightBufferSet() = default;
+        InFlightBufferSet(InFlightBufferSet&&) = default;
+        InFlightBufferSet& operator=(InFlightBufferSet&&) = default;
+        InFlightBufferSet(InFlightBufferSet const&) = delete;
+        InFlightBufferSet& operator=(InFlightBufferSet const&) = delete;
+    };
+
+    explicit FrameBufferManagerImpl(char const* name);
+    ~FrameBufferManagerImpl() override;
+    bool initialize(std::shared_ptr<FrameBufferManagerImpl> const& self);  // always true
+
+    // IHistoryBufferProvider
+    void dumpState(IPrinter& printer) override;
+    void dumpBufferState(IPrinter& printer) override;
+    void enableFrameResultRecyclable(uint32_t frameNo, bool forceToRecycle) override;
+    std::list<HistoryBufferSet> beginSelect() override;
+    void endSelect() override;
+    void returnUnselectedSet(ReturnUnselectedSet&& set) override;
+    HistoryBufferSet cloneHBS(HistoryBufferSet const& source) override;
+    std::map<uint32_t, std::shared_ptr<TrackFrameResultParams const>> peekInflights() const override;
+    std::map<uint32_t, uint32_t> peekInflightsReqNo() const override;
+
+    // IFrameBufferManager
+    std::shared_ptr<IPipelineFrameStreamBufferProvider> getPipelineFrameBufferProvider() const override;
+    std::shared_ptr<IPipelineFrameHalResultProcessor> getPipelineFrameResultProcessor() const override;
+    void beginConfigure() override;
+    int endConfigure() override;
+    std::vector<std::shared_ptr<IImageStreamInfo>> getPoolStreamInfo() const override;
+    int addImageStream(AddImageStream const& stream) override;
+    int addMetaStream(AddMetaStream const& stream) override;
+    int configureStreams(ConfigureStreams const& config) override;
+    int triggerBufferPool(StreamId_T streamId) override;
+    int updateBufferPoolMaxBufCount(StreamId_T streamId, int& maxBufCount) override;
+    int getBufferPoolMaxBufCount(StreamId_T streamId, int& maxBufCount, int& allocated) override;
+    int trackFrameResult(TrackFrameResult const& track) override;
+
+    // IPipelineFrameStreamBufferProvider
+    int requestStreamBuffer(ImageStreamBufferCallback callback,
+                            RequestStreamBuffer const& request) override;
+    // IPipelineFrameHalResultProcessor
+    void returnResult(ReturnResult const& result) override;
+    // IDebuggeeTarget
+    std::string debuggeeName() const override;
+    void debug(IPrinter* printer, std::vector<std::string> const& options) override;
+
+    // Configuration
+    std::shared_ptr<ConfigImageStream> queryConfigImageStream(StreamId_T streamId) const
+        EXCLUDES(mConfigLock);
+    // The streams that share the pool of `streamId` (itself included), ascending.
+    std::set<StreamId_T> getPoolStreams(StreamId_T streamId) const;
+    int configureImageStreams(std::vector<AddImageStream> const& streams,
+                              std::vector<std::set<StreamId_T>> const* sharedGroups);
+    int addImageStreams(AddImageStreams const& group);
+    int allocateHalImageStreamBufferRuntime(std::shared_ptr<IImageStreamInfo> const& info,
+                                            std::shared_ptr<IImageStreamBuffer>& out);
+
+    // Keeping buffers: a second image buffer over the same heap, a private copy of metadata.
+    void addSharedImage(std::shared_ptr<IImageStreamBuffer>&& buffer,
+                        std::vector<std::shared_ptr<IImageStreamBuffer>>& out);
+    void addSharedImages(std::vector<std::shared_ptr<IImageStreamBuffer>> const& in,
+                         std::vector<std::shared_ptr<IImageStreamBuffer>>& out);
+    void addCopiedMeta(std::shared_ptr<IMetaStreamBuffer>&& buffer,
+                       std::vector<std::shared_ptr<IMetaStreamBuffer>>& out);
+    void addCopiedMetas(std::vector<std::shared_ptr<IMetaStreamBuffer>> const& in,
+                        std::vector<std::shared_ptr<IMetaStreamBuffer>>& out);
+
+    // Release
+    template <class BufferSet>
+    void releaseOneBufferSet(BufferSet& set);
+    // Releases the oldest recyclable sets holding images of the pool of `streamId`; the
+    // producer's release callback. `count` heaps are wanted back.
+    void tryReleaseHistoryBufferSets(int64_t streamId, int count, bool dumpOnFailure)
+        EXCLUDES(mInSelectLock, mReadyLock);
+    void releaseBufferSets(std::list<HistoryBufferSet>& sets);
+
+    // Dumps
+    void dumpConfigStreams(IPrinter& printer) EXCLUDES(mConfigLock, mConfigLogLock);
+    void dumpBufferPools(IPrinter& printer) EXCLUDES(mConfigLock);
+
+protected:
+    void increaseReadyCounters(HistoryBufferSet const& set, int delta) REQUIRES(mReadyLock);
+    bool pickOneHistoryBufferSetLocked(std::set<StreamId_T> const& poolStreams,
+                                       HistoryBufferSet& out) REQUIRES(mReadyLock);
+    void dumpInFlightListLocked(IPrinter& printer) REQUIRES(mInFlightLock);
+    void dumpReadyListLocked(IPrinter& printer) REQUIRES(mReadyLock);
+    // The open configuration's printer, or one made for this call when none is open.
+    std::shared_ptr<IPrinter> configPrinter() EXCLUDES(mConfigLock);
+    std::shared_ptr<IImageStreamInfo> evaluateSharedAllocStreamInfo(
+        std::vector<std::shared_ptr<IImageStreamInfo>> const& infos, IPrinter& printer);
+    std::shared_ptr<BufferProducer> createHalStreamBufferPool(
+        std::shared_ptr<IImageStreamInfo> const& info,
+        std::shared_ptr<IImageStreamInfo> const& allocInfo,
+        std::shared_ptr<BufferProducer> const& sharedProducer);
+    BufferProducer::ReleaseCallback makeReleaseCallback() const;
+
+    // Members, in this order (destroyed in reverse: sets and their buffers first, then the
+    // configuration records and with them the producers).
+    std::string mName;
+    std::weak_ptr<FrameBufferManagerImpl> mWeakThis;  // source of the handles accessors return
+    int32_t mLogLevel;
+    std::shared_ptr<NSCam::IDebuggeeCookie> mDebuggeeCookie;
+    mutable Mutex mConfigLock;
+    // Written under mConfigLock; read without it on the frame path (reconfiguring while frames
+    // flow is not supported).
+    std::shared_ptr<std::vector<std::set<StreamId_T>>> mSharedStreamGroups;
+    std::map<StreamId_T, std::shared_ptr<ConfigImageStream>> mConfigImageStreams GUARDED_BY(mConfigLock);
+    std::map<StreamId_T, std::shared_ptr<ConfigMetaStream>> mConfigMetaStreams GUARDED_BY(mConfigLock);
+    std::shared_ptr<IPrinter> mConfigPrinter GUARDED_BY(mConfigLock);
+    std::list<std::string> mConfigLogs GUARDED_BY(mConfigLogLock);  // every configuration's lines
+    Mutex mConfigLogLock;
+    std::list<InFlightBufferSet> mInFlightList GUARDED_BY(mInFlightLock);
+    mutable TimedMutex mInFlightLock;
+    std::list<HistoryBufferSet> mReadyList GUARDED_BY(mReadyLock);  // ascending timestamp
+    TimedMutex mReadyLock ACQUIRED_AFTER(mInSelectLock);
+    // Image handles on the ready list per pool, keyed by the pool's smallest stream id.
+    std::map<StreamId_T, int32_t> mReadyStreamCounters GUARDED_BY(mReadyLock);
+    int32_t mAcquireTimeoutMs;
+    TimedMutex mInSelectLock;
+    // The own info of every stream a pool was attempted for; grows with every configuration.
+    std::vector<std::shared_ptr<IImageStreamInfo>> mPoolStreamInfos GUARDED_BY(mConfigLock);
+};
+
+}  // namespace NSCam::v3::pipeline

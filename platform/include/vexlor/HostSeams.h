@@ -1,0 +1,132 @@
+#pragma once
+// Test seams of the host stand-ins. Nothing in the system calls these: tests, the simulator and
+// the benchmarks use them to watch and steer the platform underneath the manager.
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <vexlor/Debuggee.h>
+#include <vexlor/IPrinter.h>
+#include <vexlor/ImageBufferHeap.h>
+
+namespace vexlor::host {
+
+// ---- logs ----------------------------------------------------------------------------------
+struct AndroidLogLine {
+    int priority;
+    std::string tag;
+    std::string text;
+};
+struct ULogLine {
+    uint32_t module;
+    std::string tag;
+    uint32_t level;
+    std::string text;
+    size_t length;
+    bool fatalNotice = false;  // a notifyFatal(1) call rather than a line
+};
+
+class LogCapture {
+public:
+    static std::vector<AndroidLogLine> androidLines();
+    static std::vector<ULogLine> ulogLines();
+    static void clear();
+    // Off: lines are no longer kept (long runs). On by default.
+    static void setCapturing(bool on);
+    // Lines of the Android sink also go to stderr, logcat-like, when on.
+    static void setEcho(bool on);
+    static size_t countAndroid(std::string const& substring);
+    static size_t countULog(std::string const& substring);
+};
+
+// The unified logger's switches. Defaults: level 2, mask 0, mode 9 (both sinks).
+void setULogSwitches(uint32_t detailsLevel, uint32_t normalDetailsMask, uint32_t mode);
+// Everything on: level 5, the module's mask bits, both sinks.
+void setULogVerbose();
+
+// ---- properties ----------------------------------------------------------------------------
+// Values seen by property_get_int32 of objects built afterwards. The environment variable
+// VEXLOR_PROPERTIES ("key=value,key=value") seeds them at first use.
+void setProperty(std::string const& key, int32_t value);
+void clearProperties();
+
+// ---- tracing -------------------------------------------------------------------------------
+struct TraceEvent {
+    bool begin;
+    std::string name;  // empty for an end
+    uint64_t tid;
+    int64_t timeNs;    // steady clock
+};
+class TraceRecorder {
+public:
+    static void setEnabledTags(uint64_t tags);
+    static std::vector<TraceEvent> events();
+    static void clear();
+    static size_t countBegins(std::string const& name);
+};
+
+// ---- heaps ---------------------------------------------------------------------------------
+struct HeapCreateCall {
+    std::string caller;
+    std::string heapName;
+    nivo::IImageBufferAllocator::ImgParam param;
+    bool flag;
+};
+class HeapFactory {
+public:
+    static int64_t created();
+    static int64_t alive();
+    // The next `n` creations fail (return null); -1 fails until reset with 0.
+    static void failNext(int n);
+    // Blocks until `pred(created, alive)` holds or the time-out passes; returns whether it held.
+    static bool waitFor(std::function<bool(int64_t created, int64_t alive)> const& pred,
+                        std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    static std::vector<HeapCreateCall> calls();  // kept while call recording is on
+    static void setRecordCalls(bool on);
+    static void reset();  // counters of created (not alive), failures, recorded calls
+    // Called at every create, before it decides, on the creating thread (nullptr to remove).
+    static void setCreateHook(std::function<void()> hook);
+};
+
+// ---- stream buffers ------------------------------------------------------------------------
+class StreamBufferFactory {
+public:
+    static int64_t imageAlive();
+    static int64_t metaAlive();
+    static void failNextImage(int n);  // as HeapFactory::failNext
+    static void failNextMeta(int n);
+    static void failNextMetaLock(int n);  // tryReadLockMeta returns null
+    static void setImageStatus(uint32_t status);  // statusOf() of buffers made afterwards
+    // Called whenever a metadata stream buffer is destroyed, on the destroying thread.
+    static void setMetaDestroyHook(std::function<void(char const* name)> hook);
+    static int64_t releaseToOwnerCalls();
+};
+
+// ---- debuggee registry ---------------------------------------------------------------------
+class DebuggeeRegistry {
+public:
+    static void setPresent(bool present);  // IDebuggeeManager::get() returns null when absent
+    static size_t attachedCount();
+    static size_t attachCalls();
+    static size_t detachCalls();
+    // Calls debug() of every debuggee still alive, as the registry's own thread would.
+    static size_t debugAll(NSCam::IPrinter* printer, std::vector<std::string> const& options = {});
+};
+
+// A printer that keeps its lines (tests, tools).
+class StringPrinter : public NSCam::IPrinter {
+public:
+    void printLine(char const* line) override;
+    void printFormatLine(char const* format, ...) override __attribute__((format(printf, 2, 3)));
+    std::vector<std::string> lines() const { return mLines; }
+    std::string text() const;
+    bool contains(std::string const& s) const;
+
+private:
+    std::vector<std::string> mLines;
+};
+
+}  // namespace vexlor::host

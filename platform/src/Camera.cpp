@@ -1,0 +1,459 @@
+// Host stand-ins of the camera stack's types: metadata, stream infos, heaps, stream buffers and
+// the debuggee registry. They count what they make so tests can prove that nothing leaks.
+#include <vexlor/Debuggee.h>
+#include <vexlor/HostSeams.h>
+#include <vexlor/IMetadata.h>
+#include <vexlor/ImageBufferHeap.h>
+#include <vexlor/StreamBuffer.h>
+#include <vexlor/StreamInfo.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <shared_mutex>
+
+namespace {
+
+std::atomic<int64_t> gMetadataAlive{0};
+
+// failNext semantics: n > 0 fails the next n calls; -1 fails until reset.
+bool takeFailure(std::atomic<int>& counter) {
+    int v = counter.load();
+    while (v != 0) {
+        if (v < 0) return true;
+        if (counter.compare_exchange_weak(v, v - 1)) return true;
+    }
+    return false;
+}
+
+std::string hex(int64_t v) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%#lx", static_cast<long>(v));
+    return buf;
+}
+
+}  // namespace
+
+// ---- metadata ----------------------------------------------------------------------------------
+namespace NSCam {
+
+IMetadata::IMetadata(IMetadata const& other) : mEntries(other.mEntries) { ++gMetadataAlive; }
+IMetadata& IMetadata::operator=(IMetadata const& other) = default;
+IMetadata::~IMetadata() { --gMetadataAlive; }
+bool IMetadata::get(uint32_t tag, int64_t& out) const {
+    auto it = mEntries.find(tag);
+    if (it == mEntries.end()) return false;
+    out = it->second;
+    return true;
+}
+int64_t IMetadata::liveCount() { return gMetadataAlive.load(); }
+
+}  // namespace NSCam
+
+// ---- stream infos ------------------------------------------------------------------------------
+namespace NSCam::v3::Utils {
+namespace {
+
+class HostImageStreamInfo : public IImageStreamInfo {
+public:
+    explicit HostImageStreamInfo(ImageStreamInfoParams p) : mP(std::move(p)) {}
+    char const* streamName() const override { return mP.name.c_str(); }
+    StreamId_T streamId() const override { return mP.id; }
+    std::string describe() const override {
+        char buf[256];
+        std::snprintf(buf, sizeof buf, "%s:%s %dx%d fmt:%#x planes:%zu max:%zu min:%zu%s",
+                      hex(mP.id).c_str(), mP.name.c_str(), mP.size.w, mP.size.h, mP.format,
+                      mP.planes.count, mP.maxBufNum, mP.minInitBufNum,
+                      mP.deferred ? " deferred" : "");
+        return buf;
+    }
+    size_t maxBufNum() const override { return mP.maxBufNum; }
+    size_t minInitBufNum() const override { return mP.minInitBufNum; }
+    uint64_t allocExtent() const override { return mP.allocExtent; }
+    uint32_t imageFormat() const override { return mP.format; }
+    BufPlanes const& planeLayout() const override { return mP.planes; }
+    ImageBufferInfoAttribute const& allocAttribute() const override { return mP.attribute; }
+    MSize imageSize() const override { return mP.size; }
+    uint32_t allocUsage() const override { return mP.usage; }
+    bool isAllocDeferred() const override { return mP.deferred; }
+    ImageStreamInfoParams const& params() const { return mP; }
+
+private:
+    ImageStreamInfoParams mP;
+};
+
+class HostMetaStreamInfo : public IMetaStreamInfo {
+public:
+    HostMetaStreamInfo(std::string name, StreamId_T id, size_t maxN, size_t minN)
+        : mName(std::move(name)), mId(id), mMax(maxN), mMin(minN) {}
+    char const* streamName() const override { return mName.c_str(); }
+    StreamId_T streamId() const override { return mId; }
+    std::string describe() const override { return hex(mId) + ":" + mName + " meta"; }
+    size_t maxBufNum() const override { return mMax; }
+    size_t minInitBufNum() const override { return mMin; }
+
+private:
+    std::string mName;
+    StreamId_T mId;
+    size_t mMax, mMin;
+};
+
+class HostBuilder : public IImageStreamInfoBuilder {
+public:
+    explicit HostBuilder(ImageStreamInfoParams p) : mP(std::move(p)) {}
+    std::shared_ptr<IImageStreamInfo> build() const override {
+        return std::make_shared<HostImageStreamInfo>(mP);
+    }
+    void setStreamName(std::string const& name) override { mP.name = name; }
+    void setStreamId(StreamId_T id) override { mP.id = id; }
+    void setMaxBufNum(size_t n) override { mP.maxBufNum = n; }
+    void setMinInitBufNum(size_t n) override { mP.minInitBufNum = n; }
+    void setPlaneLayout(BufPlanes const& planes) override { mP.planes = planes; }
+
+private:
+    ImageStreamInfoParams mP;
+};
+
+}  // namespace
+
+std::unique_ptr<IImageStreamInfoBuilder> makeImageStreamInfoBuilder(IImageStreamInfo const* info) {
+    if (info == nullptr) return nullptr;
+    ImageStreamInfoParams p;
+    if (auto host = dynamic_cast<HostImageStreamInfo const*>(info)) {
+        p = host->params();
+    } else {
+        p.name = info->streamName();
+        p.id = info->streamId();
+        p.format = info->imageFormat();
+        p.size = info->imageSize();
+        p.planes = info->planeLayout();
+        p.maxBufNum = info->maxBufNum();
+        p.minInitBufNum = info->minInitBufNum();
+        p.allocExtent = info->allocExtent();
+        p.attribute = info->allocAttribute();
+        p.usage = info->allocUsage();
+        p.deferred = info->isAllocDeferred();
+    }
+    return std::make_unique<HostBuilder>(std::move(p));
+}
+
+std::shared_ptr<IImageStreamInfo> makeImageStreamInfo(ImageStreamInfoParams const& params) {
+    return std::make_shared<HostImageStreamInfo>(params);
+}
+
+std::shared_ptr<IMetaStreamInfo> makeMetaStreamInfo(std::string const& name, StreamId_T id,
+                                                     size_t maxBufNum, size_t minInitBufNum) {
+    return std::make_shared<HostMetaStreamInfo>(name, id, maxBufNum, minInitBufNum);
+}
+
+}  // namespace NSCam::v3::Utils
+
+// ---- heaps -------------------------------------------------------------------------------------
+namespace {
+
+struct HeapStats {
+    std::mutex lock;
+    std::condition_variable cond;
+    int64_t created = 0;
+    int64_t alive = 0;
+    std::atomic<int> failNext{0};
+    bool record = false;
+    std::vector<vexlor::host::HeapCreateCall> calls;
+    std::function<void()> hook;
+};
+HeapStats& heapStats() {
+    static HeapStats* s = new HeapStats;
+    return *s;
+}
+
+class HostHeap : public nivo::IImageBufferHeap {
+public:
+    explicit HostHeap(std::string name) : mName(std::move(name)) {}
+    ~HostHeap() override {
+        auto& s = heapStats();
+        std::lock_guard<std::mutex> lk(s.lock);
+        --s.alive;
+        s.cond.notify_all();
+    }
+    char const* heapName() const override { return mName.c_str(); }
+
+private:
+    std::string mName;
+};
+
+}  // namespace
+
+namespace nivo {
+
+std::shared_ptr<IImageBufferHeap> IImageBufferHeapFactory::create(
+    char const* callerName, char const* heapName, IImageBufferAllocator::ImgParam const& param,
+    bool flag) {
+    auto& s = heapStats();
+    std::function<void()> hook;
+    {
+        std::lock_guard<std::mutex> lk(s.lock);
+        hook = s.hook;
+        if (s.record) s.calls.push_back({callerName ? callerName : "", heapName ? heapName : "", param, flag});
+    }
+    if (hook) hook();
+    if (takeFailure(s.failNext)) return nullptr;
+    auto heap = std::make_shared<HostHeap>(heapName ? heapName : "");
+    std::lock_guard<std::mutex> lk(s.lock);
+    ++s.created;
+    ++s.alive;
+    s.cond.notify_all();
+    return heap;
+}
+
+}  // namespace nivo
+
+// ---- stream buffers ----------------------------------------------------------------------------
+namespace {
+
+std::atomic<int64_t> gImageAlive{0};
+std::atomic<int64_t> gMetaAlive{0};
+std::atomic<int> gFailImage{0};
+std::atomic<int> gFailMeta{0};
+std::atomic<int> gFailMetaLock{0};
+std::atomic<uint32_t> gImageStatus{0};
+std::atomic<int64_t> gReleaseToOwnerCalls{0};
+std::atomic<uint64_t> gBufferSeq{0};
+std::mutex gMetaHookLock;
+std::function<void(char const*)> gMetaDestroyHook;
+
+using namespace NSCam::v3;
+
+class HostImageStreamBuffer : public IImageStreamBuffer,
+                              public std::enable_shared_from_this<HostImageStreamBuffer> {
+public:
+    explicit HostImageStreamBuffer(Utils::MakeHalImageStreamBuffer const& arg)
+        : mInfo(arg.streamInfo), mHeap(arg.heap), mPool(arg.pool),
+          mName(std::string(arg.streamInfo ? arg.streamInfo->streamName() : "") + "#" +
+                std::to_string(++gBufferSeq)),
+          mStatus(gImageStatus.load()) {
+        ++gImageAlive;
+    }
+    ~HostImageStreamBuffer() override { --gImageAlive; }
+
+    std::shared_ptr<IImageStreamInfo const> streamInfoOf() const override {
+        std::lock_guard<std::mutex> lk(mLock);
+        return mInfo;
+    }
+    void setStreamInfo(std::shared_ptr<IImageStreamInfo const> const& info) override {
+        std::lock_guard<std::mutex> lk(mLock);
+        mInfo = info;
+    }
+    char const* bufferName() const override { return mName.c_str(); }
+    uint32_t statusOf() const override { return mStatus; }
+    std::shared_ptr<nivo::IImageBufferHeap> imageBufferHeap() const override { return mHeap; }
+    void releaseToOwner() override {
+        ++gReleaseToOwnerCalls;
+        if (mReleased.exchange(true)) return;
+        if (auto pool = mPool) pool->releaseToPool(mName.c_str(), shared_from_this());
+    }
+
+private:
+    mutable std::mutex mLock;
+    std::shared_ptr<IImageStreamInfo const> mInfo;
+    std::shared_ptr<nivo::IImageBufferHeap> mHeap;
+    std::shared_ptr<IImageStreamBufferPool> mPool;  // a pooled buffer keeps its pool alive
+    std::string mName;
+    uint32_t mStatus;
+    std::atomic<bool> mReleased{false};
+};
+
+class HostMetaStreamBuffer : public IMetaStreamBuffer {
+public:
+    HostMetaStreamBuffer(std::shared_ptr<IMetaStreamInfo const> info, NSCam::IMetadata const& meta)
+        : mInfo(std::move(info)), mMeta(meta),
+          mName(std::string(mInfo ? mInfo->streamName() : "") + "#" + std::to_string(++gBufferSeq)) {
+        ++gMetaAlive;
+    }
+    ~HostMetaStreamBuffer() override {
+        std::function<void(char const*)> hook;
+        {
+            std::lock_guard<std::mutex> lk(gMetaHookLock);
+            hook = gMetaDestroyHook;
+        }
+        if (hook) hook(mName.c_str());
+        --gMetaAlive;
+    }
+    std::shared_ptr<IMetaStreamInfo const> streamInfoOf() const override { return mInfo; }
+    char const* bufferName() const override { return mName.c_str(); }
+    uint32_t statusOf() const override { return 0; }
+    NSCam::IMetadata* tryReadLockMeta(char const*) override {
+        if (takeFailure(gFailMetaLock)) return nullptr;
+        if (!mRw.try_lock_shared()) return nullptr;
+        return &mMeta;
+    }
+    NSCam::IMetadata* tryWriteLockMeta(char const*) override {
+        if (!mRw.try_lock()) return nullptr;
+        mWriteLocked = true;
+        return &mMeta;
+    }
+    void unlockMeta(char const*, NSCam::IMetadata*) override {
+        if (mWriteLocked) {
+            mWriteLocked = false;
+            mRw.unlock();
+        } else {
+            mRw.unlock_shared();
+        }
+    }
+
+private:
+    std::shared_ptr<IMetaStreamInfo const> mInfo;
+    NSCam::IMetadata mMeta;
+    std::string mName;
+    std::shared_mutex mRw;
+    bool mWriteLocked = false;  // written only while holding mRw exclusively
+};
+
+}  // namespace
+
+namespace NSCam::v3::Utils {
+
+std::shared_ptr<IImageStreamBuffer> makeHalImageStreamBuffer(MakeHalImageStreamBuffer const& arg) {
+    if (takeFailure(gFailImage)) return nullptr;
+    return std::make_shared<HostImageStreamBuffer>(arg);
+}
+
+std::shared_ptr<IMetaStreamBuffer> makeHalMetaStreamBuffer(MakeHalMetaStreamBuffer const& arg) {
+    if (takeFailure(gFailMeta) || arg.metadata == nullptr) return nullptr;
+    return std::make_shared<HostMetaStreamBuffer>(arg.streamInfo, *arg.metadata);
+}
+
+}  // namespace NSCam::v3::Utils
+
+// ---- debuggee registry -------------------------------------------------------------------------
+namespace {
+
+class HostCookie : public NSCam::IDebuggeeCookie {
+public:
+    explicit HostCookie(std::weak_ptr<NSCam::IDebuggee> d) : debuggee(std::move(d)) {}
+    std::weak_ptr<NSCam::IDebuggee> debuggee;
+};
+
+class HostRegistry : public NSCam::IDebuggeeManager {
+public:
+    std::shared_ptr<NSCam::IDebuggeeCookie> attachDebuggee(
+        std::shared_ptr<NSCam::IDebuggee> const& debuggee, int) override {
+        auto cookie = std::make_shared<HostCookie>(debuggee);
+        std::lock_guard<std::mutex> lk(lock);
+        ++attaches;
+        cookies.push_back(cookie);
+        return cookie;
+    }
+    void detachDebuggee(std::shared_ptr<NSCam::IDebuggeeCookie> const& cookie) override {
+        std::lock_guard<std::mutex> lk(lock);
+        ++detaches;
+        cookies.erase(std::remove_if(cookies.begin(), cookies.end(),
+                                     [&](auto const& c) { return c.get() == cookie.get(); }),
+                      cookies.end());
+    }
+    std::mutex lock;
+    std::vector<std::shared_ptr<HostCookie>> cookies;
+    size_t attaches = 0;
+    size_t detaches = 0;
+};
+
+HostRegistry& registry() {
+    static HostRegistry* r = new HostRegistry;
+    return *r;
+}
+std::atomic<bool> gRegistryPresent{true};
+
+}  // namespace
+
+namespace NSCam {
+IDebuggeeManager* IDebuggeeManager::get() {
+    return gRegistryPresent.load() ? &registry() : nullptr;
+}
+}  // namespace NSCam
+
+namespace vexlor::host {
+
+int64_t HeapFactory::created() {
+    auto& s = heapStats();
+    std::lock_guard<std::mutex> lk(s.lock);
+    return s.created;
+}
+int64_t HeapFactory::alive() {
+    auto& s = heapStats();
+    std::lock_guard<std::mutex> lk(s.lock);
+    return s.alive;
+}
+void HeapFactory::failNext(int n) { heapStats().failNext = n; }
+bool HeapFactory::waitFor(std::function<bool(int64_t, int64_t)> const& pred,
+                          std::chrono::milliseconds timeout) {
+    auto& s = heapStats();
+    std::unique_lock<std::mutex> lk(s.lock);
+    return s.cond.wait_for(lk, timeout, [&] { return pred(s.created, s.alive); });
+}
+std::vector<HeapCreateCall> HeapFactory::calls() {
+    auto& s = heapStats();
+    std::lock_guard<std::mutex> lk(s.lock);
+    return s.calls;
+}
+void HeapFactory::setRecordCalls(bool on) {
+    auto& s = heapStats();
+    std::lock_guard<std::mutex> lk(s.lock);
+    s.record = on;
+}
+void HeapFactory::reset() {
+    auto& s = heapStats();
+    std::lock_guard<std::mutex> lk(s.lock);
+    s.created = 0;
+    s.failNext = 0;
+    s.calls.clear();
+}
+void HeapFactory::setCreateHook(std::function<void()> hook) {
+    auto& s = heapStats();
+    std::lock_guard<std::mutex> lk(s.lock);
+    s.hook = std::move(hook);
+}
+
+int64_t StreamBufferFactory::imageAlive() { return gImageAlive.load(); }
+int64_t StreamBufferFactory::metaAlive() { return gMetaAlive.load(); }
+void StreamBufferFactory::failNextImage(int n) { gFailImage = n; }
+void StreamBufferFactory::failNextMeta(int n) { gFailMeta = n; }
+void StreamBufferFactory::failNextMetaLock(int n) { gFailMetaLock = n; }
+void StreamBufferFactory::setImageStatus(uint32_t status) { gImageStatus = status; }
+void StreamBufferFactory::setMetaDestroyHook(std::function<void(char const*)> hook) {
+    std::lock_guard<std::mutex> lk(gMetaHookLock);
+    gMetaDestroyHook = std::move(hook);
+}
+int64_t StreamBufferFactory::releaseToOwnerCalls() { return gReleaseToOwnerCalls.load(); }
+
+void DebuggeeRegistry::setPresent(bool present) { gRegistryPresent = present; }
+size_t DebuggeeRegistry::attachedCount() {
+    auto& r = registry();
+    std::lock_guard<std::mutex> lk(r.lock);
+    return r.cookies.size();
+}
+size_t DebuggeeRegistry::attachCalls() {
+    auto& r = registry();
+    std::lock_guard<std::mutex> lk(r.lock);
+    return r.attaches;
+}
+size_t DebuggeeRegistry::detachCalls() {
+    auto& r = registry();
+    std::lock_guard<std::mutex> lk(r.lock);
+    return r.detaches;
+}
+size_t DebuggeeRegistry::debugAll(NSCam::IPrinter* printer, std::vector<std::string> const& options) {
+    std::vector<std::shared_ptr<NSCam::IDebuggee>> targets;
+    {
+        auto& r = registry();
+        std::lock_guard<std::mutex> lk(r.lock);
+        for (auto const& c : r.cookies)
+            if (auto d = c->debuggee.lock()) targets.push_back(std::move(d));
+    }
+    // Called without the registry's lock: a debuggee whose last owner is this list may be
+    // destroyed here, and its destructor detaches itself.
+    for (auto const& d : targets) d->debug(printer, options);
+    return targets.size();
+}
+
+}  // namespace vexlor::host

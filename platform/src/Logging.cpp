@@ -1,0 +1,265 @@
+// Host stand-ins of the Android log, the unified logger and the printers, with line capture.
+#include <android/Printer.h>
+#include <android/log.h>
+#include <vexlor/HostSeams.h>
+#include <vexlor/LogScheme.h>
+#include <vexlor/ULog.h>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+
+namespace {
+
+struct Capture {
+    std::mutex lock;
+    std::vector<vexlor::host::AndroidLogLine> android;
+    std::vector<vexlor::host::ULogLine> ulog;
+};
+Capture& capture() {
+    static Capture* c = new Capture;  // never destroyed: logging may run during static teardown
+    return *c;
+}
+std::atomic<bool> gCapturing{true};
+std::atomic<bool> gEcho{false};
+
+char priorityLetter(int prio) {
+    static char const kLetters[] = "??VDIWEFS";
+    return (prio >= 0 && prio <= 8) ? kLetters[prio] : '?';
+}
+
+void echoLine(int prio, char const* tag, char const* text) {
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    tm t{};
+    localtime_r(&ts.tv_sec, &t);
+    std::fprintf(stderr, "%02d-%02d %02d:%02d:%02d.%03ld %5d %5ld %c %s: %s\n", t.tm_mon + 1,
+                 t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, ts.tv_nsec / 1000000, getpid(),
+                 static_cast<long>(syscall(SYS_gettid)), priorityLetter(prio), tag, text);
+}
+
+void recordAndroid(int prio, char const* tag, char const* text) {
+    if (gEcho.load(std::memory_order_relaxed)) echoLine(prio, tag, text);
+    if (!gCapturing.load(std::memory_order_relaxed)) return;
+    auto& c = capture();
+    std::lock_guard<std::mutex> lk(c.lock);
+    c.android.push_back({prio, tag ? tag : "", text});
+}
+
+// The process's unified logger: keeps what it is given.
+class CapturingULogger : public NSCam::Utils::ULog::ULogger {
+public:
+    void writeLog(NSCam::Utils::ULog::ULogModule module, char const* tag, uint32_t level,
+                  char const* text, size_t length) override {
+        if (!gCapturing.load(std::memory_order_relaxed)) return;
+        auto& c = capture();
+        std::lock_guard<std::mutex> lk(c.lock);
+        c.ulog.push_back({module, tag ? tag : "", level, text ? text : "", length, false});
+    }
+    void notifyFatal(int reason) override {
+        auto& c = capture();
+        std::lock_guard<std::mutex> lk(c.lock);
+        c.ulog.push_back({0, "", 0, "notifyFatal(" + std::to_string(reason) + ")", 0, true});
+    }
+};
+
+CapturingULogger gCapturingULogger;
+
+}  // namespace
+
+extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+    char buf[4096];
+    va_list ap;
+    va_start(ap, fmt);
+    int n = std::vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    if (n < 0) return n;
+    recordAndroid(prio, tag, buf);
+    return n;
+}
+
+extern "C" void __android_log_assert(const char* cond, const char* tag, const char* fmt, ...) {
+    char buf[4096];
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    recordAndroid(ANDROID_LOG_FATAL, tag, buf);
+    std::fprintf(stderr, "F %s: %s%s%s\n", tag ? tag : "", cond ? cond : "", cond ? " " : "", buf);
+    std::fflush(stderr);
+    std::abort();
+}
+
+namespace android {
+
+void Printer::printFormatLine(const char* format, ...) {
+    char buf[1024];
+    va_list ap;
+    va_start(ap, format);
+    int n = std::vsnprintf(buf, sizeof buf, format, ap);
+    va_end(ap);
+    printLine(n < 0 ? "" : buf);
+}
+
+LogPrinter::LogPrinter(const char* logtag, android_LogPriority priority, const char* prefix,
+                       bool ignoreBlankLines)
+    : mLogTag(logtag), mPriority(priority), mPrefix(prefix ? prefix : ""),
+      mIgnoreBlankLines(ignoreBlankLines) {}
+
+void LogPrinter::printLine(const char* string) {
+    if (string == nullptr) return;
+    if (string[0] == '\0') {
+        if (!mIgnoreBlankLines) printRaw(" ");
+        return;
+    }
+    printRaw(string);
+}
+
+void LogPrinter::printRaw(const char* string) {
+    __android_log_print(mPriority, mLogTag, "%s%s", mPrefix, string);
+}
+
+}  // namespace android
+
+namespace NSCam::Utils::ULog {
+
+uint32_t ULogger::sDetailsLevel = 2;
+uint32_t ULogger::sNormalDetailsMask = 0;
+uint32_t ULogger::sMode = 9;
+ULogger* ULogger::sULogger = &gCapturingULogger;
+
+void ulogFormatWrite(char const* tag, uint32_t level, char const* fmt, ...) {
+    char buf[1024];
+    std::memset(buf, 0, sizeof buf);
+    va_list ap;
+    va_start(ap, fmt);
+    int n = std::vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    if (n < 0) return;
+    buf[sizeof buf - 1] = '\0';
+    ULogger::sULogger->writeLog(kFbmModule, tag, level, buf, static_cast<size_t>(n));
+}
+
+void ulogFatalWrite(char const* tag, char const* fmt, ...) {
+    char buf[1024];
+    std::memset(buf, 0, sizeof buf);
+    va_list ap;
+    va_start(ap, fmt);
+    int n = std::vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    if (n >= 0) {
+        buf[sizeof buf - 1] = '\0';
+        ULogger::sULogger->writeLog(kFbmModule, tag, kULogLevelError, buf, static_cast<size_t>(n));
+    }
+    ULogger::sULogger->notifyFatal(1);
+}
+
+ULogPrinter::ULogPrinter(uint32_t level, ULogModule module, char const* tag,
+                         android_LogPriority androidPriority)
+    : mLevel(level), mModule(module), mTag{},
+      mAndroidPrinter(mTag, androidPriority, nullptr, false) {
+    std::strncpy(mTag, tag ? tag : "", sizeof mTag);
+    mTag[sizeof mTag - 1] = '\0';
+}
+
+bool ULogPrinter::gateOpen() const {
+    if (ULogger::sDetailsLevel < mLevel) return false;
+    if (mLevel >= kULogLevelInfo && !moduleWanted(ULogger::sNormalDetailsMask, mModule)) {
+        return false;
+    }
+    return true;
+}
+
+void ULogPrinter::write(char const* text) {
+    if (ULogger::sMode & kModeAndroid) mAndroidPrinter.printLine(text);
+    if (ULogger::sMode & kModeULogMask) {
+        ULogger::sULogger->writeLog(mModule, mTag, mLevel, text, std::strlen(text));
+    }
+}
+
+void ULogPrinter::printLine(char const* line) {
+    if (!gateOpen() || line == nullptr) return;
+    write(line);
+}
+
+void ULogPrinter::printFormatLine(char const* format, ...) {
+    if (!gateOpen()) return;
+    char buf[1024];
+    std::memset(buf, 0, sizeof buf);
+    va_list ap;
+    va_start(ap, format);
+    int n = std::vsnprintf(buf, sizeof buf, format, ap);
+    va_end(ap);
+    if (n < 0) buf[0] = '\0';
+    buf[sizeof buf - 1] = '\0';
+    write(buf);
+}
+
+}  // namespace NSCam::Utils::ULog
+
+namespace vexlor::host {
+
+std::vector<AndroidLogLine> LogCapture::androidLines() {
+    auto& c = capture();
+    std::lock_guard<std::mutex> lk(c.lock);
+    return c.android;
+}
+std::vector<ULogLine> LogCapture::ulogLines() {
+    auto& c = capture();
+    std::lock_guard<std::mutex> lk(c.lock);
+    return c.ulog;
+}
+void LogCapture::clear() {
+    auto& c = capture();
+    std::lock_guard<std::mutex> lk(c.lock);
+    c.android.clear();
+    c.ulog.clear();
+}
+void LogCapture::setCapturing(bool on) { gCapturing = on; }
+void LogCapture::setEcho(bool on) { gEcho = on; }
+size_t LogCapture::countAndroid(std::string const& s) {
+    size_t n = 0;
+    for (auto const& l : androidLines()) n += l.text.find(s) != std::string::npos;
+    return n;
+}
+size_t LogCapture::countULog(std::string const& s) {
+    size_t n = 0;
+    for (auto const& l : ulogLines()) n += l.text.find(s) != std::string::npos;
+    return n;
+}
+
+void setULogSwitches(uint32_t detailsLevel, uint32_t normalDetailsMask, uint32_t mode) {
+    using NSCam::Utils::ULog::ULogger;
+    ULogger::sDetailsLevel = detailsLevel;
+    ULogger::sNormalDetailsMask = normalDetailsMask;
+    ULogger::sMode = mode;
+}
+void setULogVerbose() { setULogSwitches(5, 0x207000, 9); }
+
+void StringPrinter::printLine(char const* line) { mLines.emplace_back(line ? line : ""); }
+void StringPrinter::printFormatLine(char const* format, ...) {
+    char buf[1024];
+    va_list ap;
+    va_start(ap, format);
+    int n = std::vsnprintf(buf, sizeof buf, format, ap);
+    va_end(ap);
+    mLines.emplace_back(n < 0 ? "" : buf);
+}
+std::string StringPrinter::text() const {
+    std::string s;
+    for (auto const& l : mLines) s += l + "\n";
+    return s;
+}
+bool StringPrinter::contains(std::string const& s) const {
+    for (auto const& l : mLines)
+        if (l.find(s) != std::string::npos) return true;
+    return false;
+}
+
+}  // namespace vexlor::host
