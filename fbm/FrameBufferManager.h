@@ -200,6 +200,7 @@ protected:
     void dumpReadyListLocked(IPrinter& printer) REQUIRES(mReadyLock);
     // The open configuration's printer, or one made for this call when none is open.
     std::shared_ptr<IPrinter> configPrinter() EXCLUDES(mConfigLock);
+    std::shared_ptr<IPrinter> makeConfigPrinter();
     std::shared_ptr<IImageStreamInfo> evaluateSharedAllocStreamInfo(
         std::vector<std::shared_ptr<IImageStreamInfo>> const& infos, IPrinter& printer);
     std::shared_ptr<BufferProducer> createHalStreamBufferPool(

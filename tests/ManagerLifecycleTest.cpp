@@ -1,0 +1,119 @@
+#include <dlfcn.h>
+
+#include <thread>
+
+#include "TestSupport.h"
+
+namespace fbmtest {
+namespace {
+
+class ManagerLifecycleTest : public PlatformTest {
+protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        host::setULogSwitches(3, 0x207000, 9);  // the destructor's info lines
+    }
+};
+
+TEST_F(ManagerLifecycleTest, NullOutBuildsNothing) {
+    size_t const attaches = host::DebuggeeRegistry::attachCalls();
+    createFrameBufferManager(nullptr, "x");
+    EXPECT_EQ(host::DebuggeeRegistry::attachCalls(), attaches);
+}
+
+TEST_F(ManagerLifecycleTest, CreateRegistersAndDestroyUnregisters) {
+    std::shared_ptr<IFrameBufferManager> manager;
+    createFrameBufferManager(&manager, "P1");
+    ASSERT_TRUE(manager);
+    EXPECT_EQ(host::DebuggeeRegistry::attachedCount(), 1u);
+
+    host::StringPrinter printer;
+    EXPECT_EQ(host::DebuggeeRegistry::debugAll(&printer, {"--ignored"}), 1u);
+    EXPECT_TRUE(printer.contains("<image streams>"));
+    EXPECT_TRUE(printer.contains("<ReadyList>"));
+
+    size_t const detaches = host::DebuggeeRegistry::detachCalls();
+    manager.reset();
+    EXPECT_EQ(host::DebuggeeRegistry::attachedCount(), 0u);
+    EXPECT_EQ(host::DebuggeeRegistry::detachCalls(), detaches + 1);
+    EXPECT_EQ(androidCount("[~FrameBufferManagerImpl] + mDebuggeeCookie:0x"), 1u);
+    EXPECT_EQ(androidCount("[~FrameBufferManagerImpl] -"), 1u);
+}
+
+TEST_F(ManagerLifecycleTest, WithoutRegistryCreationAndDestructionStillWork) {
+    host::DebuggeeRegistry::setPresent(false);
+    size_t const attaches = host::DebuggeeRegistry::attachCalls();
+    size_t const detaches = host::DebuggeeRegistry::detachCalls();
+    std::shared_ptr<IFrameBufferManager> manager;
+    createFrameBufferManager(&manager, nullptr);
+    ASSERT_TRUE(manager);
+    manager.reset();
+    EXPECT_EQ(host::DebuggeeRegistry::attachCalls(), attaches);
+    EXPECT_EQ(host::DebuggeeRegistry::detachCalls(), detaches);
+    EXPECT_EQ(androidCount("[~FrameBufferManagerImpl] + mDebuggeeCookie:(nil)"), 1u);
+    EXPECT_EQ(androidCount("[~FrameBufferManagerImpl] -"), 1u);
+}
+
+TEST_F(ManagerLifecycleTest, NameAndProperties) {
+    EXPECT_EQ(makeManager(nullptr)->mName, "");
+    EXPECT_EQ(makeManager("cam0")->mName, "cam0");
+    EXPECT_EQ(makeManager()->mAcquireTimeoutMs, 1500);
+    host::setProperty("vendor.debug.camera.pipeline.fbm.acquire.timeout", 500);
+    host::setProperty("vendor.debug.camera.log.pipeline.fbm", 3);
+    auto m = makeManager();
+    EXPECT_EQ(m->mAcquireTimeoutMs, 500);
+    EXPECT_EQ(m->mLogLevel, 3);
+}
+
+TEST_F(ManagerLifecycleTest, AccessorHandlesShareTheManagersOwnership) {
+    std::shared_ptr<IFrameBufferManager> manager;
+    createFrameBufferManager(&manager, "P1");
+    auto provider = manager->getPipelineFrameBufferProvider();
+    auto processor = manager->getPipelineFrameResultProcessor();
+    ASSERT_TRUE(provider && processor);
+    // Both are parts of the one object.
+    EXPECT_EQ(dynamic_cast<IFrameBufferManager*>(provider.get()), manager.get());
+    EXPECT_EQ(dynamic_cast<IFrameBufferManager*>(processor.get()), manager.get());
+
+    manager.reset();
+    processor.reset();
+    EXPECT_EQ(androidCount("[~FrameBufferManagerImpl] -"), 0u);  // the provider keeps it alive
+    provider.reset();
+    EXPECT_EQ(androidCount("[~FrameBufferManagerImpl] -"), 1u);
+}
+
+TEST_F(ManagerLifecycleTest, AccessorsAreEmptyWithoutAnOwner) {
+    TestManager unowned("bare");  // never given to initialize: no weak self
+    EXPECT_FALSE(unowned.getPipelineFrameBufferProvider());
+    EXPECT_FALSE(unowned.getPipelineFrameResultProcessor());
+}
+
+TEST_F(ManagerLifecycleTest, DebuggeeNameIsStableAcrossThreads) {
+    auto m = makeManager();
+    std::string other;
+    std::thread t([&] { other = m->debuggeeName(); });
+    t.join();
+    EXPECT_EQ(m->debuggeeName(), "NSCam::v3::IFrameBufferManager");
+    EXPECT_EQ(other, m->debuggeeName());
+}
+
+// The shared library exports createFrameBufferManager with C linkage, and unloads cleanly (its
+// metadata worker is joined at unload).
+TEST_F(ManagerLifecycleTest, SharedLibraryExportsTheEntryPoint) {
+    void* lib = dlopen(FBM_SHARED_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(lib, nullptr) << dlerror();
+    using CreateFn = void (*)(std::shared_ptr<IFrameBufferManager>*, char const*);
+    auto create = reinterpret_cast<CreateFn>(dlsym(lib, "createFrameBufferManager"));
+    ASSERT_NE(create, nullptr);
+    EXPECT_EQ(dlsym(lib, "_ZN5NSCam2v38pipeline15gFreeMetaObjectE"), nullptr);  // internals hidden
+    {
+        std::shared_ptr<IFrameBufferManager> manager;
+        create(&manager, "dl");
+        ASSERT_TRUE(manager);
+        EXPECT_EQ(manager->endConfigure(), 0);
+    }
+    EXPECT_EQ(dlclose(lib), 0);
+}
+
+}  // namespace
+}  // namespace fbmtest

@@ -129,10 +129,10 @@ void LogPrinter::printRaw(const char* string) {
 
 namespace NSCam::Utils::ULog {
 
-uint32_t ULogger::sDetailsLevel = 2;
-uint32_t ULogger::sNormalDetailsMask = 0;
-uint32_t ULogger::sMode = 9;
-ULogger* ULogger::sULogger = &gCapturingULogger;
+LogSwitch ULogger::sDetailsLevel{2};
+LogSwitch ULogger::sNormalDetailsMask{0};
+LogSwitch ULogger::sMode{9};
+std::atomic<ULogger*> ULogger::sULogger{&gCapturingULogger};
 
 void ulogFormatWrite(char const* tag, uint32_t level, char const* fmt, ...) {
     char buf[1024];
@@ -143,7 +143,7 @@ void ulogFormatWrite(char const* tag, uint32_t level, char const* fmt, ...) {
     va_end(ap);
     if (n < 0) return;
     buf[sizeof buf - 1] = '\0';
-    ULogger::sULogger->writeLog(kFbmModule, tag, level, buf, static_cast<size_t>(n));
+    ULogger::sULogger.load()->writeLog(kFbmModule, tag, level, buf, static_cast<size_t>(n));
 }
 
 void ulogFatalWrite(char const* tag, char const* fmt, ...) {
@@ -155,9 +155,9 @@ void ulogFatalWrite(char const* tag, char const* fmt, ...) {
     va_end(ap);
     if (n >= 0) {
         buf[sizeof buf - 1] = '\0';
-        ULogger::sULogger->writeLog(kFbmModule, tag, kULogLevelError, buf, static_cast<size_t>(n));
+        ULogger::sULogger.load()->writeLog(kFbmModule, tag, kULogLevelError, buf, static_cast<size_t>(n));
     }
-    ULogger::sULogger->notifyFatal(1);
+    ULogger::sULogger.load()->notifyFatal(1);
 }
 
 ULogPrinter::ULogPrinter(uint32_t level, ULogModule module, char const* tag,
@@ -179,7 +179,7 @@ bool ULogPrinter::gateOpen() const {
 void ULogPrinter::write(char const* text) {
     if (ULogger::sMode & kModeAndroid) mAndroidPrinter.printLine(text);
     if (ULogger::sMode & kModeULogMask) {
-        ULogger::sULogger->writeLog(mModule, mTag, mLevel, text, std::strlen(text));
+        ULogger::sULogger.load()->writeLog(mModule, mTag, mLevel, text, std::strlen(text));
     }
 }
 

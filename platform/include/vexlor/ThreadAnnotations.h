@@ -42,8 +42,17 @@ private:
     std::mutex mMutex;
 };
 
+#if defined(__SANITIZE_THREAD__)
+#define FBM_TSAN_TIMED_MUTEX 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define FBM_TSAN_TIMED_MUTEX 1
+#endif
+#endif
+
 class CAPABILITY("mutex") TimedMutex {
 public:
+#if !defined(FBM_TSAN_TIMED_MUTEX)
     void lock() ACQUIRE() { mMutex.lock(); }
     void unlock() RELEASE() { mMutex.unlock(); }
     bool try_lock() TRY_ACQUIRE(true) { return mMutex.try_lock(); }
@@ -54,6 +63,40 @@ public:
 
 private:
     std::timed_mutex mMutex;
+#else
+    // The thread sanitizer does not see std::timed_mutex's timed acquisition
+    // (pthread_mutex_clocklock): under it, a lock built of parts it does see.
+    void lock() ACQUIRE() {
+        std::unique_lock<std::mutex> lk(mMutex);
+        mCond.wait(lk, [this] { return !mLocked; });
+        mLocked = true;
+    }
+    void unlock() RELEASE() {
+        {
+            std::lock_guard<std::mutex> lk(mMutex);
+            mLocked = false;
+        }
+        mCond.notify_one();
+    }
+    bool try_lock() TRY_ACQUIRE(true) {
+        std::lock_guard<std::mutex> lk(mMutex);
+        if (mLocked) return false;
+        mLocked = true;
+        return true;
+    }
+    template <class Rep, class Period>
+    bool try_lock_for(std::chrono::duration<Rep, Period> const& d) TRY_ACQUIRE(true) {
+        std::unique_lock<std::mutex> lk(mMutex);
+        if (!mCond.wait_for(lk, d, [this] { return !mLocked; })) return false;
+        mLocked = true;
+        return true;
+    }
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mCond;
+    bool mLocked = false;
+#endif
 };
 
 // Scoped lock of a Mutex; exposes the std::unique_lock so a condition variable can wait on it.

@@ -4,12 +4,28 @@
 #include <android/Printer.h>
 #include <vexlor/IPrinter.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
 namespace NSCam::Utils::ULog {
 
 using ULogModule = uint32_t;
+
+// A switch as the log sites see it: a 32-bit value read afresh each time. Relaxed atomic on the
+// host, so that a test may flip a switch while other threads log (a plain load on every target).
+class LogSwitch {
+public:
+    constexpr LogSwitch(uint32_t v) : mValue(v) {}
+    operator uint32_t() const { return mValue.load(std::memory_order_relaxed); }
+    LogSwitch& operator=(uint32_t v) {
+        mValue.store(v, std::memory_order_relaxed);
+        return *this;
+    }
+
+private:
+    std::atomic<uint32_t> mValue;
+};
 
 class ULogger {
 public:
@@ -20,10 +36,10 @@ public:
 
     // Process-wide switches, read afresh at every log site. Plain globals as on the device, and
     // written only by a configuring thread; see HostSeams.h for the setters tests use.
-    static uint32_t sDetailsLevel;       // 1 error, 2 warning, 3 info, 5 debug
-    static uint32_t sNormalDetailsMask;  // modules and sub-areas wanting info and debug lines
-    static uint32_t sMode;               // bit 0: Android log; bits 1 or 3: unified logger
-    static ULogger* sULogger;
+    static LogSwitch sDetailsLevel;       // 1 error, 2 warning, 3 info, 5 debug
+    static LogSwitch sNormalDetailsMask;  // modules and sub-areas wanting info and debug lines
+    static LogSwitch sMode;               // bit 0: Android log; bits 1 or 3: unified logger
+    static std::atomic<ULogger*> sULogger;
 };
 
 inline constexpr uint32_t kULogLevelError = 1;

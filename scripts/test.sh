@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# The whole test suite from a fresh clone: installs what is missing, then builds and runs
+#   1. the default build's tests,
+#   2. an install of the library and a consumer project built against it,
+#   3. the thread-safety analysis build (clang),
+#   4. the tests under address+undefined and under thread sanitizers.
+# Usage: scripts/test.sh [--quick]   (--quick: step 1 only)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs=$(nproc)
+
+scripts/ensure-deps.sh build
+
+step() { printf '\n==== %s ====\n' "$*"; }
+
+step "default build and tests"
+cmake --preset default >/dev/null
+cmake --build --preset default -j "$jobs"
+ctest --preset default -j "$jobs"
+[ "${1:-}" = "--quick" ] && exit 0
+
+step "install and consumer project"
+rm -rf build/install build/consumer
+cmake --install build/default --prefix build/install >/dev/null
+cmake -S examples/consumer -B build/consumer -G Ninja -DCMAKE_PREFIX_PATH="$PWD/build/install" >/dev/null
+cmake --build build/consumer -j "$jobs"
+./build/consumer/fbm-consumer
+
+step "thread-safety analysis (clang)"
+cmake --preset clang-tsa >/dev/null
+cmake --build --preset clang-tsa -j "$jobs"
+
+for preset in asan tsan; do
+  step "tests under $preset"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -j "$jobs"
+  ctest --preset "$preset" -j "$jobs"
+done
+step "all passed"

@@ -1,0 +1,134 @@
+#pragma once
+// Shared fixtures of the tests: a clean platform for each test, stream infos, and a manager whose
+// internal state the tests may read.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include <android/log.h>
+#include <vexlor/HostSeams.h>
+
+#include "FrameBufferManager.h"
+
+namespace fbmtest {
+
+using namespace NSCam::v3;
+using namespace NSCam::v3::pipeline;
+namespace host = vexlor::host;
+using SbPtr = std::shared_ptr<IImageStreamBuffer>;
+using MetaPtr = std::shared_ptr<IMetaStreamBuffer>;
+
+inline constexpr uint32_t kYuvFormat = 0x32315659;
+inline constexpr uint32_t kBlobFormat = 0x21;
+
+// Resets every seam of the stand-ins: default log switches, no properties, tracing off, counters.
+class PlatformTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        host::setULogSwitches(2, 0, 9);
+        host::LogCapture::setCapturing(true);
+        host::LogCapture::clear();
+        host::clearProperties();
+        host::TraceRecorder::setEnabledTags(0);
+        host::TraceRecorder::clear();
+        host::HeapFactory::reset();
+        host::HeapFactory::setRecordCalls(false);
+        host::HeapFactory::setCreateHook(nullptr);
+        host::StreamBufferFactory::failNextImage(0);
+        host::StreamBufferFactory::failNextMeta(0);
+        host::StreamBufferFactory::failNextMetaLock(0);
+        host::StreamBufferFactory::setImageStatus(0);
+        host::DebuggeeRegistry::setPresent(true);
+    }
+    void TearDown() override {
+        host::HeapFactory::failNext(0);
+        host::HeapFactory::setCreateHook(nullptr);
+    }
+    // Lines of the Android sink with `tag` that contain `text`.
+    static size_t androidCount(std::string const& text) { return host::LogCapture::countAndroid(text); }
+    static size_t ulogCount(std::string const& text) { return host::LogCapture::countULog(text); }
+    static bool waitHeaps(std::function<bool(int64_t created, int64_t alive)> const& pred) {
+        return host::HeapFactory::waitFor(pred, std::chrono::seconds(10));
+    }
+};
+
+struct StreamSpec {
+    StreamId_T id = 1;
+    std::string name = "stream";
+    uint32_t format = kYuvFormat;
+    int32_t w = 640;
+    int32_t h = 480;
+    size_t max = 4;
+    size_t min = 2;
+    bool deferred = false;
+    uint32_t secure = 0;
+};
+
+inline std::shared_ptr<IImageStreamInfo> imageInfo(StreamSpec const& s) {
+    Utils::ImageStreamInfoParams p;
+    p.name = s.name;
+    p.id = s.id;
+    p.format = s.format;
+    p.size = {s.w, s.h};
+    if (s.format == kBlobFormat || s.format == 0x2300) {
+        p.planes.count = 1;
+        p.planes.planes[0] = {static_cast<size_t>(s.w) * s.h, static_cast<size_t>(s.w) * s.h};
+    } else {
+        p.planes.count = 2;
+        p.planes.planes[0] = {static_cast<size_t>(s.w) * s.h, static_cast<size_t>(s.w)};
+        p.planes.planes[1] = {static_cast<size_t>(s.w) * s.h / 2, static_cast<size_t>(s.w)};
+    }
+    p.maxBufNum = s.max;
+    p.minInitBufNum = s.min;
+    p.deferred = s.deferred;
+    p.attribute.secureWord = s.secure;
+    return Utils::makeImageStreamInfo(p);
+}
+
+inline std::shared_ptr<IMetaStreamInfo> metaInfo(StreamId_T id, std::string const& name = "meta") {
+    return Utils::makeMetaStreamInfo(name, id);
+}
+
+inline MetaPtr makeMeta(std::shared_ptr<IMetaStreamInfo> const& info, int64_t value = 0) {
+    NSCam::IMetadata m;
+    m.update(1, value);
+    return Utils::makeHalMetaStreamBuffer({info, &m});
+}
+
+// The manager with its internals readable by tests.
+class TestManager : public FrameBufferManagerImpl {
+public:
+    using FrameBufferManagerImpl::FrameBufferManagerImpl;
+    using FrameBufferManagerImpl::mConfigLogLock;
+    using FrameBufferManagerImpl::mConfigLogs;
+    using FrameBufferManagerImpl::mInFlightLock;
+    using FrameBufferManagerImpl::mInSelectLock;
+    using FrameBufferManagerImpl::mLogLevel;
+    using FrameBufferManagerImpl::mName;
+    using FrameBufferManagerImpl::mReadyList;
+    using FrameBufferManagerImpl::mReadyLock;
+    using FrameBufferManagerImpl::mReadyStreamCounters;
+    using FrameBufferManagerImpl::mAcquireTimeoutMs;
+
+    // The ready list's frame numbers and counters, read under the lock.
+    std::vector<uint32_t> readyFrames() {
+        NSCam::LockGuard<NSCam::TimedMutex> lk(mReadyLock);
+        std::vector<uint32_t> out;
+        for (auto const& s : mReadyList) out.push_back(s.frameNo);
+        return out;
+    }
+    std::map<StreamId_T, int32_t> readyCounters() {
+        NSCam::LockGuard<NSCam::TimedMutex> lk(mReadyLock);
+        return mReadyStreamCounters;
+    }
+};
+
+inline std::shared_ptr<TestManager> makeManager(char const* name = "test") {
+    auto m = std::make_shared<TestManager>(name);
+    m->initialize(m);
+    return m;
+}
+
+}  // namespace fbmtest
