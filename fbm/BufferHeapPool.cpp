@@ -115,9 +115,11 @@ int32_t BufferHeapPool::returnBufferToPool_l(char const* callerName, HeapPtr& he
         return -EINVAL;
     }
     mAvailableBuf.splice(mAvailableBuf.end(), mInUseBuf, it);
+    heap.reset();  // given back: only a refused heap stays with the caller
     mAvailableCond.notify_one();
     MY_LOGD_IF(mLogLevel >= 1, "[%s] successfully return buffer. available(#%zu) inUse(#%zu) buffer(%p)",
-               callerName, mAvailableBuf.size(), mInUseBuf.size(), heap.get());
+               callerName, mAvailableBuf.size(), mInUseBuf.size(),
+               static_cast<void const*>(mAvailableBuf.back().get()));
     return 0;
 }
 

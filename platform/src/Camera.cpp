@@ -387,9 +387,16 @@ int64_t HeapFactory::alive() {
 void HeapFactory::failNext(int n) { heapStats().failNext = n; }
 bool HeapFactory::waitFor(std::function<bool(int64_t, int64_t)> const& pred,
                           std::chrono::milliseconds timeout) {
+    // Re-evaluated at every heap event and at least every millisecond, so the predicate may also
+    // read state that changes just after an event (a pool counting the heap it was given).
     auto& s = heapStats();
+    auto const deadline = std::chrono::steady_clock::now() + timeout;
     std::unique_lock<std::mutex> lk(s.lock);
-    return s.cond.wait_for(lk, timeout, [&] { return pred(s.created, s.alive); });
+    while (!pred(s.created, s.alive)) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        s.cond.wait_for(lk, std::chrono::milliseconds(1));
+    }
+    return true;
 }
 std::vector<HeapCreateCall> HeapFactory::calls() {
     auto& s = heapStats();

@@ -1,0 +1,266 @@
+#include <atomic>
+#include <regex>
+#include <thread>
+
+#include "BufferHeapPool.h"
+#include "TestSupport.h"
+
+namespace fbmtest {
+namespace {
+
+using HeapPtr = std::shared_ptr<nivo::IImageBufferHeap>;
+
+class HeapPoolTest : public PlatformTest {
+protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        host::setULogSwitches(5, 0x207000, 1);
+        mAllocator = [] {
+            return nivo::IImageBufferHeapFactory::create("fbm", "heap", {}, false);
+        };
+    }
+    std::unique_ptr<BufferHeapPool> makePool(char const* name = "pool") {
+        return std::make_unique<BufferHeapPool>(name, mAllocator);
+    }
+    // Waits until the pool holds `n` heaps and the factory agrees.
+    static bool settled(BufferHeapPool& pool, int32_t n) {
+        return waitHeaps([&](int64_t, int64_t alive) {
+            int32_t allocated = 0;
+            pool.getAllocatedBuffer(allocated);
+            return allocated == n && alive == n;
+        });
+    }
+    static int availableCount(BufferHeapPool& pool) {
+        // Read through the dump, which lists the available heaps.
+        host::LogCapture::clear();
+        pool.dumpPool();
+        auto lines = host::LogCapture::androidLines();
+        if (lines.empty()) return -1;
+        std::smatch m;
+        std::regex re("available\\(#([0-9]+)\\)");
+        return std::regex_search(lines.back().text, m, re) ? std::stoi(m[1]) : -1;
+    }
+    static int futureCount(BufferHeapPool& pool) {
+        host::LogCapture::clear();
+        pool.dumpPool();
+        std::smatch m;
+        std::regex re("future\\(#([0-9]+)\\)");
+        auto text = host::LogCapture::androidLines().back().text;
+        return std::regex_search(text, m, re) ? std::stoi(m[1]) : -1;
+    }
+    HeapAllocator mAllocator;
+};
+
+TEST_F(HeapPoolTest, FirstTargetIsCapped) {
+    struct Case {
+        int64_t id;
+        size_t max;
+        int32_t target;
+    };
+    for (Case c : {Case{0x0001000000000005, 10, 4}, Case{0x0002000000000005, 10, 7},
+                   Case{0x0101000000000005, 10, 4}, Case{5, 10, 7}, Case{0x0001000000000005, 2, 2},
+                   Case{5, 2, 2}}) {
+        auto pool = makePool();
+        EXPECT_EQ(pool->allocateBuffers("s", c.id, c.max, 1), 0);
+        int32_t max = -1;
+        pool->getMaxBuffer(max);
+        EXPECT_EQ(max, c.target) << std::hex << c.id;
+        EXPECT_TRUE(settled(*pool, c.target));
+    }
+    EXPECT_EQ(androidCount("[allocateBuffers] [s] max(4) min(1)"), 2u);
+}
+
+TEST_F(HeapPoolTest, AllocateBuffersIsEffectiveOnce) {
+    auto pool = makePool();
+    EXPECT_EQ(pool->allocateBuffers("s", 1, 1, 3), -EINVAL);
+    EXPECT_EQ(androidCount("[allocateBuffers] [s] min(3) > max(1) (allocateBuffers){#"), 1u);
+    ASSERT_EQ(pool->allocateBuffers("s", 1, 3, 1), 0);
+    ASSERT_TRUE(settled(*pool, 3));
+    EXPECT_EQ(pool->allocateBuffers("s", 1, 6, 1), 0);
+    EXPECT_EQ(androidCount("max(6) min(1)"), 1u);  // logged unchanged, nothing started
+    int32_t max = 0;
+    pool->getMaxBuffer(max);
+    EXPECT_EQ(max, 3);
+    EXPECT_EQ(futureCount(*pool), 1);
+}
+
+TEST_F(HeapPoolTest, HeapsComeOutInTheOrderTheyBecameAvailable) {
+    auto pool = makePool();
+    HeapPtr none;
+    EXPECT_EQ(pool->acquireFromPool("c", none), -ETIMEDOUT);  // empty: at once
+    EXPECT_EQ(none, nullptr);
+
+    ASSERT_EQ(pool->allocateBuffers("s", 1, 3, 3), 0);
+    ASSERT_TRUE(settled(*pool, 3));
+    HeapPtr a, b, c;
+    ASSERT_EQ(pool->acquireFromPool("c", a), 0);
+    ASSERT_EQ(pool->acquireFromPool("c", b), 0);
+    ASSERT_EQ(pool->acquireFromPool("c", c), 0);
+    EXPECT_EQ(pool->acquireFromPool("c", none), -ETIMEDOUT);
+    HeapPtr b2 = b, a2 = a;
+    EXPECT_EQ(pool->releaseToPool("c", std::move(b2)), 0);
+    EXPECT_EQ(pool->releaseToPool("c", std::move(a2)), 0);
+    HeapPtr first, second;
+    ASSERT_EQ(pool->acquireFromPool("c", first), 0);
+    ASSERT_EQ(pool->acquireFromPool("c", second), 0);
+    EXPECT_EQ(first, b);
+    EXPECT_EQ(second, a);
+}
+
+TEST_F(HeapPoolTest, ReturningAnUnknownHeapOrTwiceIsRefused) {
+    auto pool = makePool();
+    ASSERT_EQ(pool->allocateBuffers("s", 1, 1, 1), 0);
+    ASSERT_TRUE(settled(*pool, 1));
+    HeapPtr stranger = nivo::IImageBufferHeapFactory::create("t", "t", {}, false);
+    HeapPtr copy = stranger;
+    EXPECT_EQ(pool->releaseToPool("c", std::move(copy)), -EINVAL);
+    EXPECT_EQ(copy, stranger);  // the heap stays with the caller
+    HeapPtr h;
+    ASSERT_EQ(pool->acquireFromPool("c", h), 0);
+    HeapPtr again = h;
+    EXPECT_EQ(pool->releaseToPool("c", std::move(h)), 0);
+    EXPECT_EQ(pool->releaseToPool("c", std::move(again)), -EINVAL);
+    EXPECT_EQ(androidCount("[returnBufferToPool_l] [c] fail to return buffer. available(#1) inUse(#0)"),
+              2u);
+}
+
+TEST_F(HeapPoolTest, LoweringTheMaximumShedsAvailableHeapsOldestFirst) {
+    auto pool = makePool();
+    ASSERT_EQ(pool->allocateBuffers("s", 1, 7, 7), 0);
+    ASSERT_TRUE(settled(*pool, 7));
+    std::vector<HeapPtr> inUse(3);
+    for (auto& h : inUse) ASSERT_EQ(pool->acquireFromPool("c", h), 0);
+    std::vector<nivo::IImageBufferHeap*> remaining;  // the 4th and later, in list order
+    {
+        std::vector<HeapPtr> probe(4);
+        for (auto& h : probe) ASSERT_EQ(pool->acquireFromPool("c", h), 0);
+        for (auto& h : probe) {
+            remaining.push_back(h.get());
+            ASSERT_EQ(pool->releaseToPool("c", std::move(h)), 0);
+        }
+    }
+    int32_t five = 5;
+    EXPECT_EQ(pool->updateMaxBuffer(five), 0);
+    EXPECT_TRUE(pool->isPoolWaitForRelease());
+    EXPECT_EQ(androidCount("current config max(#7), target config max(#5), current max(#7), need "
+                           "decrease(#2)"),
+              1u);
+    ASSERT_TRUE(settled(*pool, 5));
+    EXPECT_EQ(availableCount(*pool), 2);
+    // The two that were available longest are gone: the rest come out in order.
+    HeapPtr x, y;
+    ASSERT_EQ(pool->acquireFromPool("c", x), 0);
+    ASSERT_EQ(pool->acquireFromPool("c", y), 0);
+    EXPECT_EQ(x.get(), remaining[2]);
+    EXPECT_EQ(y.get(), remaining[3]);
+}
+
+TEST_F(HeapPoolTest, PendingDecreaseIsConsumedByTheFirstNeedReleaseQuestion) {
+    auto pool = makePool();
+    ASSERT_EQ(pool->allocateBuffers("s", 1, 7, 7), 0);
+    ASSERT_TRUE(settled(*pool, 7));
+    std::vector<HeapPtr> all(7);
+    for (auto& h : all) ASSERT_EQ(pool->acquireFromPool("c", h), 0);
+
+    int32_t five = 5;
+    pool->updateMaxBuffer(five);
+    int32_t nine = 9;  // raising leaves the pending decrease as it is
+    pool->updateMaxBuffer(nine);
+    EXPECT_TRUE(pool->isPoolWaitForRelease());
+    int32_t needRelease = 0;
+    EXPECT_TRUE(pool->isPoolNeedRelease(needRelease));
+    EXPECT_EQ(needRelease, 2);
+    EXPECT_FALSE(pool->isPoolWaitForRelease());
+    needRelease = 0;
+    EXPECT_TRUE(pool->isPoolNeedRelease(needRelease));  // nothing available
+    EXPECT_EQ(needRelease, 0);
+    // The worker, waiting for a heap to shed, sees the raised target only once a heap comes back:
+    // it frees that one, then grows to the new target.
+    ASSERT_EQ(pool->releaseToPool("c", std::move(all[0])), 0);
+    ASSERT_TRUE(settled(*pool, 9));
+    needRelease = 0;
+    EXPECT_FALSE(pool->isPoolNeedRelease(needRelease));  // three available now
+    EXPECT_EQ(availableCount(*pool), 3);
+    for (size_t i = 1; i < all.size(); ++i) ASSERT_EQ(pool->releaseToPool("c", std::move(all[i])), 0);
+}
+
+TEST_F(HeapPoolTest, WorkerWaitsForInUseHeapsToComeBackBeforeFreeingThem) {
+    auto pool = makePool();
+    ASSERT_EQ(pool->allocateBuffers("s", 1, 7, 7), 0);
+    ASSERT_TRUE(settled(*pool, 7));
+    std::vector<HeapPtr> all(7);
+    for (auto& h : all) ASSERT_EQ(pool->acquireFromPool("c", h), 0);
+    int32_t five = 5;
+    pool->updateMaxBuffer(five);
+
+    auto giveBack = [&](size_t i, int64_t aliveAfter) {
+        nivo::IImageBufferHeap* raw = all[i].get();
+        ASSERT_EQ(pool->releaseToPool("c", std::move(all[i])), 0);
+        EXPECT_TRUE(waitHeaps([&](int64_t, int64_t alive) { return alive == aliveAfter; })) << raw;
+    };
+    EXPECT_EQ(host::HeapFactory::alive(), 7);
+    giveBack(0, 6);  // freed by the waiting worker
+    giveBack(1, 5);  // and the next one too
+    giveBack(2, 5);  // now the pool is at its target: this one stays available
+    EXPECT_EQ(availableCount(*pool), 1);
+    for (size_t i = 3; i < all.size(); ++i) ASSERT_EQ(pool->releaseToPool("c", std::move(all[i])), 0);
+}
+
+TEST_F(HeapPoolTest, ASecondUpdateWakesTheSameWorker) {
+    auto pool = makePool();
+    ASSERT_EQ(pool->allocateBuffers("s", 1, 2, 1), 0);
+    ASSERT_TRUE(settled(*pool, 2));
+    EXPECT_EQ(pool->updateBufferCount(5), 0);
+    ASSERT_TRUE(settled(*pool, 5));
+    EXPECT_EQ(pool->updateBufferCount(1), 0);
+    ASSERT_TRUE(settled(*pool, 1));
+    EXPECT_EQ(androidCount("[updateBufferCount] notify existed updateBufferCount thread: pool(pool)"), 2u);
+    EXPECT_EQ(androidCount("[operator()] updateBufferCount thread + : pool(pool)"), 1u);
+    EXPECT_EQ(futureCount(*pool), 1);
+}
+
+TEST_F(HeapPoolTest, FailingAllocatorIsRetriedAtOnce) {
+    host::HeapFactory::failNext(3);
+    auto pool = makePool();
+    ASSERT_EQ(pool->allocateBuffers("s", 1, 2, 2), 0);
+    ASSERT_TRUE(settled(*pool, 2));
+    EXPECT_EQ(androidCount("[operator()] do_construct allocate buffer failed (operator()){#"), 3u);
+}
+
+TEST_F(HeapPoolTest, DestructionStopsTheWorkerAndListsHeapsStillOut) {
+    HeapPtr out1, out2;
+    {
+        auto pool = makePool("gone");
+        ASSERT_EQ(pool->allocateBuffers("s", 1, 3, 3), 0);
+        ASSERT_TRUE(settled(*pool, 3));
+        ASSERT_EQ(pool->acquireFromPool("c", out1), 0);
+        ASSERT_EQ(pool->acquireFromPool("c", out2), 0);
+        host::LogCapture::clear();
+    }
+    EXPECT_EQ(androidCount("[operator()] updateBufferCount thread - : pool(gone)"), 1u);
+    std::ostringstream heaps;
+    heaps << static_cast<void*>(out1.get()) << "; " << static_cast<void*>(out2.get()) << "; ";
+    auto lines = host::LogCapture::androidLines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_NE(lines.back().text.find("inUse(#0) not return to pool. " + heaps.str()), std::string::npos)
+        << lines.back().text;
+    EXPECT_EQ(host::HeapFactory::alive(), 2);  // the available one was freed; ours live on
+    out1.reset();
+    out2.reset();
+    EXPECT_EQ(host::HeapFactory::alive(), 0);
+}
+
+TEST_F(HeapPoolTest, DestroyingAPoolWhoseWorkerWaitsForAHeapReturns) {
+    HeapPtr out;
+    {
+        auto pool = makePool();
+        ASSERT_EQ(pool->allocateBuffers("s", 1, 1, 1), 0);
+        ASSERT_TRUE(settled(*pool, 1));
+        ASSERT_EQ(pool->acquireFromPool("c", out), 0);
+        pool->updateBufferCount(0);  // the worker now waits for the heap to come back
+    }
+    EXPECT_EQ(androidCount("updateBufferCount thread - "), 1u);
+}
+
+}  // namespace
+}  // namespace fbmtest
