@@ -1,0 +1,262 @@
+#include <atomic>
+#include <future>
+#include <latch>
+#include <mutex>
+#include <thread>
+
+#include "BufferProducer.h"
+#include "TestSupport.h"
+
+namespace fbmtest {
+namespace {
+
+struct CallbackCall {
+    int64_t streamId;
+    int32_t count;
+    bool logFlag;
+};
+
+class ProducerTest : public PlatformTest {
+protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        host::setULogSwitches(5, 0x207000, 1);
+        mInfo = imageInfo({.id = 0x10, .name = "preview", .max = 4, .min = 2});
+    }
+    // A producer over its own heap pool of `heaps` heaps, every heap allocated.
+    std::shared_ptr<BufferProducer> makeProducer(int heaps) {
+        auto producer = std::make_shared<BufferProducer>("preview-pool", mInfo, callback(), nullptr);
+        mHeapPool = std::make_shared<BufferHeapPool>("preview-pool", mAllocator);
+        EXPECT_EQ(producer->setBufferHeapPool(mHeapPool), 0);
+        EXPECT_EQ(producer->initProducer(heaps, 0, HeapAllocator(mAllocator)), 0);
+        EXPECT_TRUE(waitHeaps([&](int64_t, int64_t) {
+            int32_t n = 0;
+            producer->getAllocatedBuffer(n);
+            return n == heaps;
+        }));
+        return producer;
+    }
+    BufferProducer::ReleaseCallback callback() {
+        return [this](int64_t id, int32_t count, bool flag) {
+            std::function<void()> hook;
+            {
+                std::lock_guard<std::mutex> lk(mLock);
+                mCalls.push_back({id, count, flag});
+                hook = mHook;
+            }
+            if (hook) hook();
+        };
+    }
+    std::vector<CallbackCall> calls() {
+        std::lock_guard<std::mutex> lk(mLock);
+        return mCalls;
+    }
+    void onCallback(std::function<void()> hook) {
+        std::lock_guard<std::mutex> lk(mLock);
+        mHook = std::move(hook);
+    }
+    bool heapAvailable() {
+        int32_t needRelease = 0;
+        return !mHeapPool->isPoolNeedRelease(needRelease);
+    }
+
+    std::shared_ptr<IImageStreamInfo> mInfo;
+    HeapAllocator mAllocator = [] { return nivo::IImageBufferHeapFactory::create("fbm", "h", {}, false); };
+    std::shared_ptr<BufferHeapPool> mHeapPool;
+    std::mutex mLock;
+    std::vector<CallbackCall> mCalls;
+    std::function<void()> mHook;
+};
+
+constexpr int64_t kLong = 5'000'000'000;  // 5 s: never reached by a test that passes
+
+TEST_F(ProducerTest, BuffersCarryTheStreamAndReturnTheirHeap) {
+    auto producer = makeProducer(1);
+    SbPtr sb;
+    ASSERT_EQ(producer->acquireFromPool("x", sb, kLong), 0);
+    ASSERT_TRUE(sb);
+    EXPECT_EQ(sb->streamInfoOf().get(), mInfo.get());
+    EXPECT_FALSE(heapAvailable());
+    sb->releaseToOwner();
+    EXPECT_TRUE(heapAvailable());
+    sb->releaseToOwner();  // a buffer goes back once only
+    EXPECT_TRUE(heapAvailable());
+    EXPECT_TRUE(calls().empty());
+}
+
+TEST_F(ProducerTest, TimeoutZeroTriesOnceThenGivesUp) {
+    auto producer = makeProducer(1);
+    SbPtr held, none;
+    ASSERT_EQ(producer->acquireFromPool("x", held, 0), 0);
+    EXPECT_EQ(producer->acquireFromPool("x", none, 0), -EBUSY);
+    EXPECT_FALSE(none);
+    EXPECT_EQ(androidCount("cannot acquire from pool after timeout(0 ns)."), 1u);
+    for (auto const& c : calls()) {  // an exhausted pool asked for one heap back
+        EXPECT_EQ(c.streamId, 0x10);
+        EXPECT_EQ(c.count, 1);
+    }
+    held->releaseToOwner();
+}
+
+TEST_F(ProducerTest, WaitingAcquireIsWokenByAReleaseFromAnotherThread) {
+    auto producer = makeProducer(1);
+    SbPtr held;
+    ASSERT_EQ(producer->acquireFromPool("x", held, kLong), 0);
+    std::latch waiting(1);
+    std::atomic<bool> signalled{false};
+    onCallback([&] {  // the acquirer found the pool empty and is about to wait
+        if (!signalled.exchange(true)) waiting.count_down();
+    });
+    auto acquirer = std::async(std::launch::async, [&] {
+        SbPtr sb;
+        int const err = producer->acquireFromPool("x", sb, kLong);
+        if (sb) sb->releaseToOwner();
+        return err;
+    });
+    waiting.wait();
+    held->releaseToOwner();
+    EXPECT_EQ(acquirer.get(), 0);
+}
+
+TEST_F(ProducerTest, CallbackLogFlagEveryTenthRetryAfterThirty) {
+    auto producer = makeProducer(1);
+    SbPtr held;
+    ASSERT_EQ(producer->acquireFromPool("x", held, kLong), 0);
+    onCallback([&] {
+        if (calls().size() == 41) held->releaseToOwner();  // let the 41st call end the wait
+    });
+    SbPtr sb;
+    ASSERT_EQ(producer->acquireFromPool("x", sb, kLong), 0);
+    auto c = calls();
+    ASSERT_EQ(c.size(), 41u);
+    for (size_t i = 0; i < c.size(); ++i) {
+        int const retry = static_cast<int>(i) + 1;  // every wait ran out
+        EXPECT_EQ(c[i].logFlag, retry == 40) << retry;
+    }
+    sb->releaseToOwner();
+}
+
+TEST_F(ProducerTest, PendingDecreaseAsksForMoreAndStillTakesAHeap) {
+    auto producer = makeProducer(4);
+    std::vector<SbPtr> held(4);
+    for (auto& sb : held) ASSERT_EQ(producer->acquireFromPool("x", sb, kLong), 0);
+    int32_t two = 2;
+    ASSERT_EQ(producer->setMaxBufferCount(two), 0);  // 4 made, 2 wanted: a decrease of 2 pending
+    onCallback([&] {
+        // The manager releases three kept buffers: two go to the shrinking worker, one to us.
+        for (int i = 0; i < 3; ++i) {
+            if (held.back()) held.back()->releaseToOwner();
+            held.pop_back();
+        }
+    });
+    SbPtr sb;
+    ASSERT_EQ(producer->acquireFromPool("x", sb, kLong), 0);
+    auto c = calls();
+    ASSERT_GE(c.size(), 1u);
+    EXPECT_EQ(c[0].count, 3);  // needRelease 2, plus one
+    EXPECT_FALSE(c[0].logFlag);
+    EXPECT_EQ(androidCount("needReleaseBufferNumber(2)"), 1u);
+    sb->releaseToOwner();
+    held[0]->releaseToOwner();
+    EXPECT_TRUE(waitHeaps([](int64_t, int64_t alive) { return alive == 2; }));
+}
+
+TEST_F(ProducerTest, SharedHeapGoesBackAfterTheLastBufferInAnyOrder) {
+    host::setProperty("vendor.debug.camera.log.pipeline.fbm.producer", 2);
+    auto producer = makeProducer(1);
+    for (auto order : {std::array<int, 3>{0, 1, 2}, {2, 0, 1}, {1, 2, 0}}) {
+        std::array<SbPtr, 3> sbs;
+        ASSERT_EQ(producer->acquireFromPool("x", sbs[0], kLong), 0);
+        sbs[1] = producer->shareSB(sbs[0]);
+        sbs[2] = producer->shareSB(sbs[1]);  // sharing a shared one
+        ASSERT_TRUE(sbs[1] && sbs[2]);
+        EXPECT_NE(sbs[1], sbs[0]);
+        EXPECT_EQ(sbs[2]->imageBufferHeap(), sbs[0]->imageBufferHeap());
+        EXPECT_EQ(sbs[1]->streamInfoOf().get(), mInfo.get());
+        sbs[order[0]]->releaseToOwner();
+        sbs[order[1]]->releaseToOwner();
+        EXPECT_FALSE(heapAvailable());
+        sbs[order[2]]->releaseToOwner();
+        EXPECT_TRUE(heapAvailable());
+    }
+    EXPECT_EQ(androidCount("(ref_cnt:3)"), 3u);  // one per second share
+}
+
+TEST_F(ProducerTest, SharingAForeignOrReleasedBufferGivesNothing) {
+    auto producer = makeProducer(1);
+    auto other = makeProducer(1);
+    SbPtr mine, theirs;
+    ASSERT_EQ(producer->acquireFromPool("x", mine, kLong), 0);
+    ASSERT_EQ(other->acquireFromPool("x", theirs, kLong), 0);
+    EXPECT_FALSE(producer->shareSB(theirs));
+    mine->releaseToOwner();
+    EXPECT_FALSE(producer->shareSB(mine));
+    EXPECT_EQ(androidCount(":preview) not in here. (shareSB){#"), 2u);
+    theirs->releaseToOwner();
+}
+
+TEST_F(ProducerTest, NewHeapPoolRefusedWhileBuffersAreOut) {
+    auto producer = makeProducer(1);
+    SbPtr sb;
+    ASSERT_EQ(producer->acquireFromPool("x", sb, kLong), 0);
+    auto replacement = std::make_shared<BufferHeapPool>("other", mAllocator);
+    EXPECT_EQ(producer->setBufferHeapPool(replacement), -EINVAL);
+    EXPECT_EQ(androidCount(" Pool(preview-pool): previous pool still in-use) (setBufferHeapPool)"), 1u);
+    sb->releaseToOwner();
+    EXPECT_EQ(producer->setBufferHeapPool(replacement), 0);
+}
+
+TEST_F(ProducerTest, InitialisedOnceAndNeedsAnAllocatorOrAPool) {
+    auto producer = makeProducer(2);
+    int64_t const created = host::HeapFactory::created();
+    EXPECT_EQ(producer->initProducer(5, 1, HeapAllocator(mAllocator)), 0);
+    EXPECT_EQ(androidCount("[initProducer] Producer("), 1u);
+    EXPECT_EQ(androidCount(" Pool(preview-pool): already inited"), 1u);
+    EXPECT_EQ(host::HeapFactory::created(), created);
+
+    auto bare = std::make_shared<BufferProducer>("bare", mInfo, callback(), nullptr);
+    SbPtr sb;
+    EXPECT_EQ(bare->acquireFromPool("x", sb, 0), -EINVAL);
+    EXPECT_EQ(androidCount(" Pool(bare): Pool is null"), 1u);
+    EXPECT_EQ(bare->initProducer(2, 1, HeapAllocator()), -EINVAL);
+    EXPECT_EQ(androidCount(" Pool(bare): cannot get allocator"), 1u);
+    int32_t max = -7;
+    EXPECT_EQ(bare->getMaxBuffer(max), 0);
+    EXPECT_EQ(max, -7);  // untouched without a heap pool
+    EXPECT_EQ(bare->initPool("x", 1, 1), -1);
+    EXPECT_EQ(bare->commitPool("x"), -1);
+}
+
+TEST_F(ProducerTest, SharedProducerSharesTheHeapPool) {
+    auto first = makeProducer(2);
+    auto second = std::make_shared<BufferProducer>("preview-pool", imageInfo({.id = 0x11, .name = "second"}),
+                                                   callback(), first);
+    EXPECT_EQ(second->initProducer(2, 0, HeapAllocator()), 0);  // no allocator needed
+    SbPtr a, b, none;
+    ASSERT_EQ(first->acquireFromPool("x", a, kLong), 0);
+    ASSERT_EQ(second->acquireFromPool("x", b, kLong), 0);
+    EXPECT_EQ(second->acquireFromPool("x", none, 0), -EBUSY);
+    EXPECT_EQ(b->streamInfoOf()->streamId(), 0x11);
+    a->releaseToOwner();
+    b->releaseToOwner();
+}
+
+TEST_F(ProducerTest, BufferNotMadeKeepsTheHeapCountedAsInUse) {
+    auto producer = makeProducer(1);
+    host::StreamBufferFactory::failNextImage(1);
+    SbPtr sb;
+    EXPECT_EQ(producer->acquireFromPool("x", sb, kLong), -ENOMEM);
+    EXPECT_EQ(androidCount("cannot new HalImageStreamBuffer. Something wrong..."), 1u);
+    EXPECT_FALSE(heapAvailable());
+}
+
+TEST_F(ProducerTest, ReleasingAnUntrackedBufferIsFatal) {
+    auto producer = makeProducer(1);
+    auto stranger = Utils::makeHalImageStreamBuffer({mInfo, nullptr, nullptr, nullptr});
+    EXPECT_DEATH(producer->releaseToPool("x", stranger),
+                 "\\[releaseToPool:line-[0-9]+\\] Producer\\(0x[0-9a-f]+ 0x10 preview\\) "
+                 "Pool\\(preview-pool\\): SB\\(0x[0-9a-f]+\\) not found!");
+}
+
+}  // namespace
+}  // namespace fbmtest

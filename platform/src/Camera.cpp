@@ -158,6 +158,7 @@ struct HeapStats {
     std::condition_variable cond;
     int64_t created = 0;
     int64_t alive = 0;
+    uint64_t events = 0;
     std::atomic<int> failNext{0};
     bool record = false;
     std::vector<vexlor::host::HeapCreateCall> calls;
@@ -175,6 +176,7 @@ public:
         auto& s = heapStats();
         std::lock_guard<std::mutex> lk(s.lock);
         --s.alive;
+        ++s.events;
         s.cond.notify_all();
     }
     char const* heapName() const override { return mName.c_str(); }
@@ -203,6 +205,7 @@ std::shared_ptr<IImageBufferHeap> IImageBufferHeapFactory::create(
     std::lock_guard<std::mutex> lk(s.lock);
     ++s.created;
     ++s.alive;
+    ++s.events;
     s.cond.notify_all();
     return heap;
 }
@@ -387,16 +390,22 @@ int64_t HeapFactory::alive() {
 void HeapFactory::failNext(int n) { heapStats().failNext = n; }
 bool HeapFactory::waitFor(std::function<bool(int64_t, int64_t)> const& pred,
                           std::chrono::milliseconds timeout) {
-    // Re-evaluated at every heap event and at least every millisecond, so the predicate may also
-    // read state that changes just after an event (a pool counting the heap it was given).
+    // Re-evaluated after every heap event and at least every millisecond, without the factory's
+    // lock, so the predicate may read state that changes just after an event (a pool counting the
+    // heap it was given) and may take locks of its own.
     auto& s = heapStats();
     auto const deadline = std::chrono::steady_clock::now() + timeout;
     std::unique_lock<std::mutex> lk(s.lock);
-    while (!pred(s.created, s.alive)) {
+    for (;;) {
+        int64_t const created = s.created, alive = s.alive;
+        uint64_t const events = s.events;
+        lk.unlock();
+        bool const held = pred(created, alive);
+        lk.lock();
+        if (held) return true;
         if (std::chrono::steady_clock::now() >= deadline) return false;
-        s.cond.wait_for(lk, std::chrono::milliseconds(1));
+        if (s.events == events) s.cond.wait_for(lk, std::chrono::milliseconds(1));
     }
-    return true;
 }
 std::vector<HeapCreateCall> HeapFactory::calls() {
     auto& s = heapStats();

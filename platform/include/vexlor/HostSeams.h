@@ -82,7 +82,6 @@ public:
     // The next `n` creations fail (return null); -1 fails until reset with 0.
     static void failNext(int n);
     // Blocks until `pred(created, alive)` holds or the time-out passes; returns whether it held.
-    // The predicate runs under the factory's lock: it must not make or free heaps.
     static bool waitFor(std::function<bool(int64_t created, int64_t alive)> const& pred,
                         std::chrono::milliseconds timeout = std::chrono::seconds(10));
     static std::vector<HeapCreateCall> calls();  // kept while call recording is on
