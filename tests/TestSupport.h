@@ -8,6 +8,7 @@
 #include <string>
 
 #include <android/log.h>
+#include <cutils/trace.h>
 #include <vexlor/HostSeams.h>
 
 #include "FrameBufferManager.h"

@@ -1,0 +1,249 @@
+// Pool set-up, buffer requests for every source, and pool control, through the public interfaces.
+#include "FramePathSupport.h"
+
+namespace fbmtest {
+namespace {
+
+using RequestTest = FramePathTest;
+
+TEST_F(RequestTest, EverySourceServesAFrameAndEveryBufferComesBack) {
+    configure();
+    std::vector<SbPtr> frame;
+    for (StreamId_T id : {kPreview, kFullA, kFullB, kRuntime, kHalProv, kJpeg}) {
+        auto [err, sb] = request(id, 1);
+        ASSERT_EQ(err, 0) << id;
+        ASSERT_TRUE(sb) << id;
+        EXPECT_EQ(sb->streamInfoOf().get(), mInfos[id].get());
+        frame.push_back(sb);
+    }
+    EXPECT_EQ(mHalProvider->calls, 1);
+    EXPECT_EQ(mHalProvider->lastTimeout, -1);
+    EXPECT_EQ(mHalProvider->lastRequestNo, 1001u);
+    EXPECT_EQ(mAppProvider->calls, 1);
+    for (auto& sb : frame) sb->releaseToOwner();
+    frame.clear();
+    releaseEverythingAndCheck();
+}
+
+TEST_F(RequestTest, PooledBufferTakesTheRequestsInfoOrFallsBackOnALayoutChange) {
+    host::setULogSwitches(5, 0x207000, 1);
+    configure();
+    // Same layout, another info object: still from the pool, and the buffer carries that info.
+    auto same = imageInfo({.id = kPreview, .name = "preview-again", .max = 2, .min = 2});
+    auto [err1, pooled] = request(kPreview, 1, same);
+    ASSERT_EQ(err1, 0);
+    EXPECT_EQ(pooled->streamInfoOf().get(), same.get());
+    int max = 0, allocated = 0;
+    // Another row stride: allocated on the spot, the pool untouched.
+    Utils::ImageStreamInfoParams p;
+    p.name = "preview-wide";
+    p.id = kPreview;
+    p.format = kYuvFormat;
+    p.size = {640, 480};
+    p.planes.count = 2;
+    p.planes.planes[0] = {640 * 480, 704};
+    p.planes.planes[1] = {640 * 240, 640};
+    auto wide = Utils::makeImageStreamInfo(p);
+    int64_t const created = host::HeapFactory::created();
+    auto [err2, runtime] = request(kPreview, 1, wide);
+    ASSERT_EQ(err2, 0);
+    EXPECT_EQ(host::HeapFactory::created(), created + 1);
+    EXPECT_EQ(androidCount("[requestStreamBuffer] [requestNo:1001 frameNo:1] POOL -> RUNTIME due to "
+                           "alloc layout change"),
+              1u);
+    EXPECT_EQ(runtime->streamInfoOf().get(), wide.get());
+    mManager->getBufferPoolMaxBufCount(kPreview, max, allocated);
+    EXPECT_EQ(allocated, 2);
+
+    // A HAL provider stream falls back too; an APP provider stream never does.
+    auto halWide = imageInfo({.id = kHalProv, .name = "halProv", .w = 320, .h = 240});
+    auto [err3, b3] = request(kHalProv, 2, halWide);
+    EXPECT_EQ(err3, 0);
+    EXPECT_EQ(mHalProvider->calls, 0);
+    EXPECT_EQ(androidCount("PROVIDER -> RUNTIME due to alloc layout change"), 1u);
+    auto jpegBig = imageInfo({.id = kJpeg, .name = "jpeg", .format = kBlobFormat, .w = 8192, .h = 1});
+    auto [err4, b4] = request(kJpeg, 2, jpegBig);
+    EXPECT_EQ(err4, 0);
+    EXPECT_EQ(mAppProvider->calls, 1);
+    for (auto* sb : {&pooled, &runtime, &b3, &b4}) (*sb)->releaseToOwner();
+    pooled.reset();
+    runtime.reset();
+    b3.reset();
+    b4.reset();
+    releaseEverythingAndCheck();
+}
+
+TEST_F(RequestTest, ErrorsOfEachSource) {
+    configure();
+    // Not configured.
+    auto stranger = imageInfo({.id = 0x99, .name = "stranger"});
+    EXPECT_EQ(request(0x99, 1, stranger).first, -EINVAL);
+    // Provider failure: its code, and the error line.
+    mHalProvider->failWith = -ENODEV;
+    auto [err, sb] = request(kHalProv, 1);
+    EXPECT_EQ(err, -ENODEV);
+    EXPECT_FALSE(sb);
+    EXPECT_EQ(androidCount("[requestStreamBuffer] [requestNo:1001 frameNo:1] err:-19(No such device) "
+                           "[IMAGE-HAL-PROVIDER]0x5:halProv"),
+              1u);
+    // Run-time allocation failure.
+    host::HeapFactory::failNext(1);
+    host::StreamBufferFactory::failNextImage(1);
+    EXPECT_EQ(request(kRuntime, 2).first, -EINVAL);
+    EXPECT_EQ(androidCount("[allocateHalImageStreamBufferRuntime] <REQUEST> 0x4:runtime"), 1u);
+    // A pool that stays empty: the pool's code after the acquire time-out (200 ms here), and the
+    // callback still gets called, with nothing.
+    host::StreamBufferFactory::failNextImage(0);
+    auto [e1, a] = request(kPreview, 3);
+    auto [e2, b] = request(kPreview, 3);
+    ASSERT_EQ(e1 | e2, 0);
+    auto [e3, none] = request(kPreview, 3);
+    EXPECT_EQ(e3, -EBUSY);
+    EXPECT_FALSE(none);
+    EXPECT_EQ(androidCount("cannot acquire from pool after timeout(200000000 ns)."), 1u);
+    a->releaseToOwner();
+    b->releaseToOwner();
+}
+
+TEST_F(RequestTest, UnsupportedAttributeIsRefused) {
+    ASSERT_EQ(mManager->addImageStream({imageInfo({.id = 0x30, .name = "user"}), eBUFFER_SOURCE_USER, nullptr}), 0);
+    auto [err, sb] = request(0x30, 1, imageInfo({.id = 0x30, .name = "user"}));
+    EXPECT_EQ(err, -EINVAL);
+    EXPECT_EQ(androidCount("Unsupported attribute:[IMAGE-HAL-USER    ] for 0x30:user"), 1u);
+}
+
+TEST_F(RequestTest, RequestsAreTraced) {
+    configure();
+    host::TraceRecorder::setEnabledTags(ATRACE_TAG_CAMERA);
+    auto [err, sb] = request(kPreview, 7);
+    ASSERT_EQ(err, 0);
+    EXPECT_EQ(host::TraceRecorder::countBegins("POOL requestStreamBuffer preview|request:1007 frame:7"), 1u);
+    sb->releaseToOwner();
+}
+
+TEST_F(RequestTest, SharedGroupHasOneDerivedAllocation) {
+    host::HeapFactory::setRecordCalls(true);
+    configure();
+    std::map<std::string, int> heapsByName;
+    for (auto const& c : host::HeapFactory::calls()) heapsByName[c.heapName]++;
+    EXPECT_EQ(heapsByName["shared-0x2-0x3"], 3);  // one pool: the larger maximum, capped at 7
+    EXPECT_EQ(heapsByName["fullA"] + heapsByName["fullB"], 0);
+    auto a = mManager->queryConfigImageStream(kFullA);
+    auto b = mManager->queryConfigImageStream(kFullB);
+    ASSERT_TRUE(a && b);
+    EXPECT_EQ(a->allocInfo, b->allocInfo);
+    EXPECT_EQ(a->allocInfo->streamId(), -1);
+    EXPECT_EQ(a->allocInfo->maxBufNum(), 3u);
+    EXPECT_EQ(a->allocInfo->minInitBufNum(), 2u);
+    EXPECT_STREQ(a->pPool->poolName(), b->pPool->poolName());
+    // Three heaps serve both streams.
+    std::vector<SbPtr> out;
+    for (StreamId_T id : {kFullA, kFullB, kFullA}) {
+        auto [err, sb] = request(id, 1);
+        ASSERT_EQ(err, 0);
+        out.push_back(sb);
+    }
+    auto pools = mManager->getPoolStreamInfo();
+    EXPECT_EQ(pools.size(), 5u);  // preview, fullA, fullB, runtime, deferred
+    for (auto& sb : out) sb->releaseToOwner();
+}
+
+TEST_F(RequestTest, GroupsThatCannotShareAreSetUpOneByOne) {
+    host::HeapFactory::setRecordCalls(true);
+    IFrameBufferManager::ConfigureStreams cfg;
+    cfg.sharedGroups = std::make_shared<std::vector<std::set<StreamId_T>>>(
+        std::vector<std::set<StreamId_T>>{{0x10, 0x11, 0x12}, {0x20, 0x21}, {0x30, 0x31}, {0x40}});
+    cfg.imageStreams = {
+        {imageInfo({.id = 0x10, .name = "a", .max = 1, .min = 1}), eHAL_IMAGE_POOL, nullptr},
+        {imageInfo({.id = 0x11, .name = "b", .max = 1, .min = 1}), eHAL_IMAGE_RUNTIME, nullptr},
+        {imageInfo({.id = 0x12, .name = "c", .max = 1, .min = 1, .secure = 1}), eHAL_IMAGE_POOL, nullptr},
+        // Blobs of different sizes share; the larger layout wins.
+        {imageInfo({.id = 0x20, .name = "j1", .format = kBlobFormat, .w = 100, .h = 1, .max = 1, .min = 1}), eHAL_IMAGE_POOL, nullptr},
+        {imageInfo({.id = 0x21, .name = "j2", .format = kBlobFormat, .w = 300, .h = 1, .max = 1, .min = 1}), eHAL_IMAGE_POOL, nullptr},
+        {imageInfo({.id = 0x30, .name = "y1", .w = 64, .h = 64, .max = 1, .min = 1}), eHAL_IMAGE_POOL, nullptr},
+        {imageInfo({.id = 0x31, .name = "y2", .w = 32, .h = 32, .max = 1, .min = 1}), eHAL_IMAGE_POOL, nullptr},
+        {imageInfo({.id = 0x40, .name = "alone", .max = 1, .min = 1}), eHAL_IMAGE_POOL, nullptr},
+    };
+    mManager->beginConfigure();
+    ASSERT_EQ(mManager->configureStreams(cfg), 0);
+    mManager->endConfigure();
+    ASSERT_TRUE(poolsFilled({{0x10, 1}, {0x11, 1}, {0x12, 1}, {0x20, 1}, {0x30, 1}, {0x31, 1}, {0x40, 1}}));
+
+    host::StringPrinter printer;
+    mManager->dumpConfigStreams(printer);
+    EXPECT_TRUE(printer.contains(
+        "    WARNING [configureImageStreams] 'b': pool-shared but not BUFFER_SOURCE_POOL - "
+        "attribute:[IMAGE-HAL-RUNTIME ]"));
+    EXPECT_TRUE(printer.contains("    ERROR [evaluateSharedAllocStreamInfo] Different SecureInfo: [1|2] "
+                                 "'0x12:c 640x480"));
+    EXPECT_TRUE(printer.contains("    ERROR [evaluateSharedAllocStreamInfo] Different ImgSize & Non-BLOB: "
+                                 "[1|2] '0x31:y2 32x32"));
+    EXPECT_EQ(mManager->queryConfigImageStream(0x10)->allocInfo->streamId(), 0x10);  // own pool
+    auto j = mManager->queryConfigImageStream(0x20)->allocInfo;
+    EXPECT_STREQ(j->streamName(), "shared-0x20-0x21");
+    EXPECT_EQ(j->planeLayout()[0].sizeInBytes, 300u);
+    EXPECT_EQ(mManager->queryConfigImageStream(0x40)->allocInfo->streamId(), 0x40);
+
+    std::map<std::string, nivo::IImageBufferAllocator::ImgParam> params;
+    for (auto const& c : host::HeapFactory::calls()) params[c.heapName] = c.param;
+    auto const& blob = params["shared-0x20-0x21"];
+    EXPECT_EQ(blob.imgFormat, kBlobFormat);
+    EXPECT_EQ(blob.imgSize.w, 300);
+    EXPECT_EQ(blob.imgSize.h, 1);
+    EXPECT_EQ(blob.bufSizesInBytes[0], 0u);
+    EXPECT_EQ(blob.usage, 0x08C20000u);
+    EXPECT_TRUE(blob.flag1 && !blob.flag0);
+    EXPECT_EQ(blob.trailing, 1u);
+    auto const& yuv = params["y1"];
+    EXPECT_EQ(yuv.imgSize.w, 64);
+    EXPECT_EQ(yuv.bufSizesInBytes[0], 64u * 64);
+    EXPECT_EQ(yuv.bufStridesInBytes[1], 64u);
+    EXPECT_EQ(yuv.bufSizesInBytes[2], 0u);
+    for (auto const& c : host::HeapFactory::calls()) EXPECT_EQ(c.caller, "fbm");
+}
+
+TEST_F(RequestTest, DeferredPoolIsAllocatedOnTrigger) {
+    configure();
+    int max = -1, allocated = -1;
+    EXPECT_EQ(mManager->getBufferPoolMaxBufCount(kDeferred, max, allocated), 0);
+    EXPECT_EQ(allocated, -1);  // no heap pool yet: nothing to read
+    EXPECT_EQ(mManager->triggerBufferPool(kPreview), 0);   // not deferred
+    EXPECT_EQ(mManager->triggerBufferPool(kHalProv), 0);   // no pool
+    EXPECT_EQ(mManager->triggerBufferPool(0x99), 0);       // unknown
+    EXPECT_EQ(mManager->triggerBufferPool(kDeferred), 0);
+    ASSERT_TRUE(poolsFilled({{kDeferred, 2}}));
+    int64_t const created = host::HeapFactory::created();
+    EXPECT_EQ(mManager->triggerBufferPool(kDeferred), 0);  // "already inited"
+    EXPECT_EQ(host::HeapFactory::created(), created);
+    auto [err, sb] = request(kDeferred, 1);
+    EXPECT_EQ(err, 0);
+    sb->releaseToOwner();
+    sb.reset();
+    releaseEverythingAndCheck();
+}
+
+TEST_F(RequestTest, PoolMaximumIsReadAndChanged) {
+    host::setULogSwitches(2, 0, 1);
+    configure();
+    int max = -1, allocated = -1;
+    EXPECT_EQ(mManager->getBufferPoolMaxBufCount(0x99, max, allocated), 0);
+    EXPECT_EQ(max, -1);  // untouched for a stream without a pool
+    EXPECT_EQ(allocated, -1);
+    ASSERT_EQ(mManager->getBufferPoolMaxBufCount(kPreview, max, allocated), 0);
+    EXPECT_EQ(max, 2);
+    int same = 2;
+    EXPECT_EQ(mManager->updateBufferPoolMaxBufCount(kPreview, same), 0);
+    EXPECT_EQ(androidCount("has already been set to maxBufCount = 2"), 1u);
+    int four = 4;
+    EXPECT_EQ(mManager->updateBufferPoolMaxBufCount(kPreview, four), 0);
+    ASSERT_TRUE(poolsFilled({{kPreview, 4}}));
+    // Through one stream of a shared group, the whole group's pool changes.
+    int five = 5;
+    EXPECT_EQ(mManager->updateBufferPoolMaxBufCount(kFullB, five), 0);
+    ASSERT_TRUE(poolsFilled({{kFullA, 5}, {kFullB, 5}}));
+    int zero = 0;
+    EXPECT_EQ(mManager->updateBufferPoolMaxBufCount(kHalProv, zero), 0);
+}
+
+}  // namespace
+}  // namespace fbmtest
