@@ -1,0 +1,270 @@
+// Frame tracking, result return, kept buffers and selection.
+#include "FramePathSupport.h"
+
+namespace fbmtest {
+namespace {
+
+class ResultsTest : public FramePathTest {
+protected:
+    void SetUp() override {
+        FramePathTest::SetUp();
+        configure();
+    }
+    static int64_t metaValue(MetaPtr const& m) {
+        auto* md = m->tryReadLockMeta("t");
+        int64_t v = -1;
+        md->get(1, v);
+        m->unlockMeta("t", md);
+        return v;
+    }
+};
+
+TEST_F(ResultsTest, KeptImageSharesTheHeapAndKeptMetadataIsACopy) {
+    track(1, {kPreview}, {kHalMeta}, {kAppMeta});
+    auto [err, sb] = request(kPreview, 1);
+    ASSERT_EQ(err, 0);
+    auto halMeta = makeMeta(mHalMetaInfo, 11);
+    auto untracked = makeMeta(metaInfo(0x200, "other"), 0);
+    Result r;
+    r.timestamp = 100;
+    r.images = {sb};
+    r.halMeta = {halMeta, untracked};
+    r.appMeta = {makeMeta(mAppMetaInfo, 12)};
+    returnResult(1, r);
+    EXPECT_TRUE(r.images.empty());  // kept: moved out of the caller's list
+    EXPECT_TRUE(r.halMeta.empty());
+    EXPECT_TRUE(r.appMeta.empty());
+
+    // The source changes after the call: the kept copy does not.
+    auto* md = halMeta->tryWriteLockMeta("t");
+    md->update(1, 99);
+    halMeta->unlockMeta("t", md);
+    // The pipeline lets its own buffer go: the kept one holds the heap.
+    sb->releaseToOwner();
+
+    auto sets = mManager->beginSelect();
+    ASSERT_EQ(sets.size(), 1u);
+    auto& set = sets.front();
+    EXPECT_EQ(set.frameNo, 1u);
+    EXPECT_EQ(set.requestNo, 1001u);
+    EXPECT_EQ(set.timestamp, 100);
+    EXPECT_TRUE(set.isRecyclable);
+    ASSERT_EQ(set.halImage.size(), 1u);
+    EXPECT_NE(set.halImage[0], sb);
+    EXPECT_EQ(set.halImage[0]->imageBufferHeap(), sb->imageBufferHeap());
+    ASSERT_EQ(set.halMeta.size(), 1u);
+    EXPECT_NE(set.halMeta[0], halMeta);
+    EXPECT_EQ(metaValue(set.halMeta[0]), 11);
+    EXPECT_EQ(metaValue(set.appMeta[0]), 12);
+    mManager->returnUnselectedSet({set, false});
+    mManager->endSelect();
+    sb.reset();
+    releaseEverythingAndCheck();
+}
+
+TEST_F(ResultsTest, FrameCompletesWhenTheLastTrackedBufferArrives) {
+    track(1, {kPreview, kFullA}, {kHalMeta});
+    auto [e1, a] = request(kPreview, 1);
+    auto [e2, b] = request(kFullA, 1);
+    ASSERT_EQ(e1 | e2, 0);
+    Result first;
+    first.timestamp = -5;  // never taken
+    first.images = {a};
+    returnResult(1, first);
+    Result none;  // nothing tracked in it: only a timestamp
+    none.timestamp = 300;
+    returnResult(1, none);
+    Result later;
+    later.timestamp = 400;  // the first positive one stays
+    later.images = {b};
+    returnResult(1, later);
+    EXPECT_EQ(mManager->peekInflights().size(), 1u);
+
+    host::StringPrinter inflight;
+    mManager->dumpBufferState(inflight);
+    EXPECT_TRUE(inflight.contains("    [R1001 F1]TS:300 #1 left { (0x1)  (0x2) } {} {}"));
+
+    Result last;
+    last.halMeta = {makeMeta(mHalMetaInfo)};
+    returnResult(1, last);
+    EXPECT_TRUE(mManager->peekInflights().empty());
+    auto sets = mManager->beginSelect();
+    ASSERT_EQ(sets.size(), 1u);
+    EXPECT_EQ(sets.front().timestamp, 300);
+    for (auto& s : sets) mManager->returnUnselectedSet({s, true});
+    mManager->endSelect();
+    // One counter per pool: the shared group is counted under its smallest id.
+    EXPECT_EQ(mManager->readyCounters(), (std::map<StreamId_T, int32_t>{{kPreview, 1}, {kFullA, 1}}));
+    a->releaseToOwner();
+    b->releaseToOwner();
+    a.reset();
+    b.reset();
+    releaseEverythingAndCheck();
+}
+
+TEST_F(ResultsTest, ReadyListIsInTimestampOrderNewSetsBeforeEqualOnes) {
+    int eight = 8;  // room for every kept image: nothing starves here
+    ASSERT_EQ(mManager->updateBufferPoolMaxBufCount(kPreview, eight), 0);
+    ASSERT_TRUE(poolsFilled({{kPreview, 8}}));
+    keptFrame(1, 300);
+    keptFrame(2, 100);
+    keptFrame(3, 200);
+    keptFrame(4, 200);  // in front of frame 3
+    EXPECT_EQ(mManager->readyFrames(), (std::vector<uint32_t>{2, 4, 3, 1}));
+    EXPECT_EQ(mManager->readyCounters()[kPreview], 4);
+    releaseEverythingAndCheck();
+}
+
+TEST_F(ResultsTest, DestroyedFrames) {
+    host::setULogSwitches(2, 0, 1);
+    // Destroyed with a buffer outstanding: released, never ready.
+    track(1, {kPreview}, {kHalMeta});
+    auto [err, sb] = request(kPreview, 1);
+    ASSERT_EQ(err, 0);
+    Result r;
+    r.timestamp = 100;
+    r.images = {sb};
+    r.destroyed = true;
+    returnResult(1, r);
+    EXPECT_EQ(androidCount("[returnResult] [requestNo:1001 frameNo:1] isFrameDestroyed(1), but still have #1 left"),
+              1u);
+    EXPECT_TRUE(mManager->readyFrames().empty());
+    // Destroyed with nothing outstanding and a timestamp: ready like any other.
+    track(2, {}, {kHalMeta});
+    Result done;
+    done.timestamp = 200;
+    done.destroyed = true;
+    done.halMeta = {makeMeta(mHalMetaInfo)};
+    returnResult(2, done);
+    EXPECT_EQ(mManager->readyFrames(), std::vector<uint32_t>{2});
+    sb->releaseToOwner();
+    sb.reset();
+    releaseEverythingAndCheck();
+}
+
+TEST_F(ResultsTest, FrameWithoutTimestampIsReleasedAndOnlyTheUnrecyclableOneReported) {
+    host::setULogSwitches(2, 0, 1);
+    track(1, {}, {kHalMeta}, {}, true);
+    track(2, {}, {kHalMeta}, {}, false);
+    for (uint32_t f : {1u, 2u}) {
+        Result r;
+        r.halMeta = {makeMeta(mHalMetaInfo)};
+        returnResult(f, r);
+    }
+    EXPECT_TRUE(mManager->readyFrames().empty());
+    EXPECT_EQ(androidCount("[returnResult] release un-recyclable frame! (due to error)"), 1u);
+}
+
+TEST_F(ResultsTest, UntrackedFrameReleasesWhatItGivesBackAndKeepsNothing) {
+    int64_t const releases = host::StreamBufferFactory::releaseToOwnerCalls();
+    auto [e1, keep] = request(kPreview, 9);
+    auto [e2, drop] = request(kFullA, 9);
+    ASSERT_EQ(e1 | e2, 0);
+    Result r;
+    r.timestamp = 5;
+    r.images = {keep};
+    r.toRelease = {drop, nullptr};
+    r.halMeta = {makeMeta(mHalMetaInfo)};
+    drop.reset();
+    returnResult(9, r);
+    EXPECT_EQ(r.images.size(), 1u);  // offered images stay with the caller
+    EXPECT_TRUE(r.toRelease.empty());
+    EXPECT_TRUE(r.halMeta.empty());
+    EXPECT_EQ(host::StreamBufferFactory::releaseToOwnerCalls(), releases + 1);
+    EXPECT_TRUE(mManager->readyFrames().empty());
+    keep->releaseToOwner();
+    keep.reset();
+    r.images.clear();
+    releaseEverythingAndCheck();
+}
+
+TEST_F(ResultsTest, NoStreamsToTrackAddsNothing) {
+    EXPECT_EQ(mManager->trackFrameResult({1, 1, nullptr}), 0);
+    track(2, {});
+    EXPECT_TRUE(mManager->peekInflights().empty());
+}
+
+TEST_F(ResultsTest, SnapshotsReportTheOlderOfTwoSetsWithOneFrameNumber) {
+    auto p1 = std::make_shared<TrackFrameResultParams>();
+    p1->halMeta = {kHalMeta};
+    auto p2 = std::make_shared<TrackFrameResultParams>(*p1);
+    mManager->trackFrameResult({5, 50, p1});
+    mManager->trackFrameResult({5, 51, p2});
+    mManager->trackFrameResult({6, 60, p2});
+    auto inflights = mManager->peekInflights();
+    EXPECT_EQ(inflights.size(), 2u);
+    EXPECT_EQ(inflights[5], p1);
+    auto reqNos = mManager->peekInflightsReqNo();
+    EXPECT_EQ(reqNos, (std::map<uint32_t, uint32_t>{{5, 50}, {6, 60}}));
+}
+
+TEST_F(ResultsTest, SelectionKeepsReleasesAndCounts) {
+    keptFrame(1, 100);
+    keptFrame(2, 200, kFullA);
+    keptFrame(3, 300);
+    auto sets = mManager->beginSelect();
+    ASSERT_EQ(sets.size(), 3u);
+    EXPECT_TRUE(mManager->readyFrames().empty());
+    EXPECT_EQ(mManager->readyCounters(), (std::map<StreamId_T, int32_t>{{kPreview, 0}, {kFullA, 0}}));
+
+    keptFrame(4, 200, kFullA);  // a frame completing during the selection joins the ready list
+    auto it = sets.begin();
+    auto& s1 = *it++;
+    auto& s2 = *it++;
+    auto& s3 = *it;
+    mManager->returnUnselectedSet({s2, true});  // equal timestamp: behind frame 4
+    EXPECT_TRUE(s2.halImage.empty());           // moved back to the manager
+    mManager->returnUnselectedSet({s1, false});
+    auto clone = mManager->cloneHBS(s3);
+    mManager->endSelect();
+    EXPECT_EQ(mManager->readyFrames(), (std::vector<uint32_t>{4, 2}));
+    EXPECT_EQ(mManager->readyCounters(), (std::map<StreamId_T, int32_t>{{kPreview, 0}, {kFullA, 2}}));
+
+    EXPECT_TRUE(clone.isRecyclable);
+    EXPECT_EQ(clone.frameNo, 3u);
+    ASSERT_EQ(clone.halImage.size(), 1u);
+    EXPECT_NE(clone.halImage[0], s3.halImage[0]);
+    EXPECT_EQ(clone.halImage[0]->imageBufferHeap(), s3.halImage[0]->imageBufferHeap());
+    EXPECT_EQ(clone.halMeta.size(), 1u);
+    // The selector owns what it kept: it releases it.
+    mManager->releaseOneBufferSet(s3);
+    mManager->releaseOneBufferSet(clone);
+    releaseEverythingAndCheck();
+}
+
+TEST_F(ResultsTest, CloneSkipsImagesOfStreamsWithoutAPool) {
+    host::setULogSwitches(2, 0, 1);
+    auto [err, runtime] = request(kRuntime, 1);
+    ASSERT_EQ(err, 0);
+    IHistoryBufferProvider::HistoryBufferSet source;
+    source.frameNo = 1;
+    source.isRecyclable = false;
+    source.halImage = {runtime};
+    auto clone = mManager->cloneHBS(source);
+    EXPECT_TRUE(clone.isRecyclable);
+    EXPECT_TRUE(clone.halImage.empty());
+    EXPECT_EQ(androidCount("[addSharedImage] Fail to share image (0x4:runtime, attribute:[IMAGE-HAL-RUNTIME ]) "),
+              1u);
+}
+
+TEST_F(ResultsTest, RecyclableFlagIsAPlaceholder) {
+    host::setProperty("vendor.debug.camera.log.pipeline.fbm", 2);
+    auto m = makeManager();
+    m->enableFrameResultRecyclable(7, true);
+    EXPECT_EQ(androidCount("[enableFrameResultRecyclable] TODO - frameNo:7 forceToRecycle:1"), 1u);
+}
+
+TEST_F(ResultsTest, MetadataThatCannotBeLockedIsFatal) {
+    track(1, {}, {kHalMeta});
+    EXPECT_DEATH(
+        {
+            host::StreamBufferFactory::failNextMetaLock(1);
+            Result r;
+            r.halMeta = {makeMeta(mHalMetaInfo)};
+            returnResult(1, r);
+        },
+        "\\[addCopiedMeta:line-[0-9]+\\] fail to lock metaSB\\(0x100\\)");
+}
+
+}  // namespace
+}  // namespace fbmtest
