@@ -1065,8 +1065,9 @@ void FrameBufferManagerImpl::tryReleaseHistoryBufferSets(int64_t streamId, int c
         if (selectLocked) mInSelectLock.unlock();
     };
     auto warnNoSet = [&]() REQUIRES(mReadyLock) {
-        MY_LOGW("stream(%#lx) getOneHistoryBufferSetLocked failed! mReadyList(#%zu)",
-                static_cast<long>(streamId), mReadyList.size());
+        MY_LOGW_AS("tryReleaseHistoryBufferSets",
+                   "stream(%#lx) getOneHistoryBufferSetLocked failed! mReadyList(#%zu)",
+                   static_cast<long>(streamId), mReadyList.size());
     };
 
     if (count == 1) {

@@ -1,0 +1,211 @@
+// Ready-list release (a starving pool fed by history sets) and the state dump.
+#include <condition_variable>
+#include <latch>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+
+#include "FramePathSupport.h"
+
+namespace fbmtest {
+namespace {
+
+class ReleaseTest : public FramePathTest {
+protected:
+    void SetUp() override {
+        FramePathTest::SetUp();
+        configure();
+    }
+    void roomForKeptFrames(int n) {
+        ASSERT_EQ(mManager->updateBufferPoolMaxBufCount(kPreview, n), 0);
+        ASSERT_TRUE(poolsFilled({{kPreview, n}}));
+    }
+};
+
+TEST_F(ReleaseTest, StarvingPoolIsFedByTheOldestRecyclableSet) {
+    host::setULogSwitches(2, 0, 1);
+    keptFrame(1, 200);
+    keptFrame(2, 100);  // older
+    EXPECT_EQ(mManager->readyFrames(), (std::vector<uint32_t>{2, 1}));
+    // Both heaps are kept: the request releases frame 2 and takes its heap, without waiting.
+    auto [err, sb] = request(kPreview, 3);
+    ASSERT_EQ(err, 0);
+    EXPECT_EQ(mManager->readyFrames(), std::vector<uint32_t>{1});
+    EXPECT_EQ(mManager->readyCounters()[kPreview], 1);
+    EXPECT_EQ(androidCount("retry(#"), 0u);
+    sb->releaseToOwner();
+    sb.reset();
+    releaseEverythingAndCheck();
+}
+
+TEST_F(ReleaseTest, NonRecyclableSetsAreNeverReleasedToFeedAPool) {
+    host::setULogSwitches(2, 0, 1);
+    keptFrame(1, 100, kPreview, false);
+    keptFrame(2, 200, kPreview, false);
+    auto [err, sb] = request(kPreview, 3);
+    EXPECT_EQ(err, -EBUSY);  // after the 200 ms acquire time-out
+    EXPECT_FALSE(sb);
+    EXPECT_EQ(mManager->readyFrames(), (std::vector<uint32_t>{1, 2}));
+    EXPECT_GE(androidCount("[tryReleaseHistoryBufferSets] stream(0x1) getOneHistoryBufferSetLocked failed! "
+                           "mReadyList(#2)"),
+              1u);
+    releaseEverythingAndCheck();
+}
+
+TEST_F(ReleaseTest, CountRulesOfASingleStreamPool) {
+    host::setULogSwitches(5, 0x207000, 1);
+    roomForKeptFrames(8);
+    for (uint32_t f = 1; f <= 8; ++f) keptFrame(f, 100 * f);
+    host::LogCapture::clear();
+    mManager->tryReleaseHistoryBufferSets(kPreview, 0, true);
+    EXPECT_EQ(androidCount("[tryReleaseHistoryBufferSets] stream(0x1), bad try release count(0)"), 1u);
+    mManager->tryReleaseHistoryBufferSets(kPreview, -2, true);
+    EXPECT_EQ(mManager->readyFrames().size(), 8u);
+
+    // Three sets released, oldest first; a batch of up to 4 still goes on to the failure step.
+    mManager->tryReleaseHistoryBufferSets(kPreview, 3, true);
+    EXPECT_EQ(mManager->readyFrames(), (std::vector<uint32_t>{4, 5, 6, 7, 8}));
+    EXPECT_EQ(androidCount("stream(0x1), release bufferHeap count(3), release bufferSet count(3)"), 1u);
+    EXPECT_EQ(androidCount("[tryReleaseHistoryBufferSets] stream(0x1): no {1 } in ReadyList"), 1u);
+    EXPECT_GE(androidCount("InUse(Heap#"), 1u);  // the pools were dumped to the log
+
+    // Five sets released and five asked for: returns early, no failure step.
+    host::LogCapture::clear();
+    mManager->tryReleaseHistoryBufferSets(kPreview, 5, true);
+    EXPECT_TRUE(mManager->readyFrames().empty());
+    EXPECT_EQ(androidCount("in ReadyList"), 0u);
+    EXPECT_EQ(mManager->readyCounters()[kPreview], 0);
+    releaseEverythingAndCheck();
+}
+
+TEST_F(ReleaseTest, ASetWithTwoImagesOfASharedPoolCountsForTwo) {
+    int four = 4;
+    ASSERT_EQ(mManager->updateBufferPoolMaxBufCount(kFullA, four), 0);
+    ASSERT_TRUE(poolsFilled({{kFullA, 4}}));
+    for (uint32_t f = 1; f <= 2; ++f) {
+        track(f, {kFullA, kFullB});
+        auto [e1, a] = request(kFullA, f);
+        auto [e2, b] = request(kFullB, f);
+        ASSERT_EQ(e1 | e2, 0);
+        Result r;
+        r.timestamp = f;
+        r.images = {a, b};
+        returnResult(f, r);
+        a->releaseToOwner();
+        b->releaseToOwner();
+    }
+    EXPECT_EQ(mManager->readyCounters()[kFullA], 4);
+    mManager->tryReleaseHistoryBufferSets(kFullB, 2, false);
+    EXPECT_EQ(mManager->readyFrames(), std::vector<uint32_t>{2});
+    EXPECT_EQ(mManager->readyCounters()[kFullA], 2);
+    releaseEverythingAndCheck();
+}
+
+// Where kept metadata is destroyed: inline for up to 4 sets, on the worker above that.
+class MetaDestroyWatch {
+public:
+    MetaDestroyWatch() {
+        host::StreamBufferFactory::setMetaDestroyHook([this](char const*) {
+            std::lock_guard<std::mutex> lk(mLock);
+            mTids.push_back(static_cast<long>(syscall(SYS_gettid)));
+            mCond.notify_all();
+        });
+    }
+    ~MetaDestroyWatch() { host::StreamBufferFactory::setMetaDestroyHook(nullptr); }
+    std::vector<long> waitFor(size_t n) {
+        std::unique_lock<std::mutex> lk(mLock);
+        mCond.wait_for(lk, std::chrono::seconds(10), [&] { return mTids.size() >= n; });
+        return mTids;
+    }
+
+private:
+    std::mutex mLock;
+    std::condition_variable mCond;
+    std::vector<long> mTids;
+};
+
+TEST_F(ReleaseTest, LargeBatchesHandTheirMetadataToTheWorker) {
+    roomForKeptFrames(8);
+    long const self = static_cast<long>(syscall(SYS_gettid));
+    for (uint32_t f = 1; f <= 4; ++f) keptFrame(f, f);
+    {
+        MetaDestroyWatch watch;
+        mManager->tryReleaseHistoryBufferSets(kPreview, 4, false);
+        auto tids = watch.waitFor(8);
+        ASSERT_EQ(tids.size(), 8u);
+        for (long t : tids) EXPECT_EQ(t, self);
+    }
+    for (uint32_t f = 1; f <= 5; ++f) keptFrame(10 + f, f);
+    {
+        MetaDestroyWatch watch;
+        mManager->tryReleaseHistoryBufferSets(kPreview, 5, false);
+        auto tids = watch.waitFor(10);
+        ASSERT_EQ(tids.size(), 10u);
+        for (long t : tids) EXPECT_NE(t, self);
+    }
+    releaseEverythingAndCheck();
+}
+
+TEST_F(ReleaseTest, ReleaseGoesAheadWhileASelectorHoldsTheSelectionLock) {
+    host::setULogSwitches(2, 0, 1);
+    std::latch selecting(1), released(1);
+    std::thread selector([&] {
+        auto sets = mManager->beginSelect();  // takes nothing: the list is empty
+        selecting.count_down();
+        released.wait();
+        mManager->endSelect();
+    });
+    selecting.wait();
+    keptFrame(1, 100);
+    mManager->tryReleaseHistoryBufferSets(kPreview, 1, false);
+    EXPECT_EQ(androidCount("[tryReleaseHistoryBufferSets] try_lock_for mInSelectLock timeout (10ms). Check "
+                           "the critical section between beginSelect() and endSelect()"),
+              1u);
+    EXPECT_TRUE(mManager->readyFrames().empty());
+    released.count_down();
+    selector.join();
+    releaseEverythingAndCheck();
+}
+
+TEST_F(ReleaseTest, DumpShowsTheFramesAndTheCounters) {
+    keptFrame(1, 100);
+    track(2, {kPreview}, {kHalMeta});
+    host::StringPrinter printer;
+    mManager->dumpState(printer);
+    auto lines = printer.lines();
+    auto at = [&](std::string const& heading) {
+        return std::find(lines.begin(), lines.end(), heading) - lines.begin();
+    };
+    ASSERT_LT(at("<InFlightList>"), at("<ReadyList>"));
+    EXPECT_LT(at("<image streams>"), at("<image buffer pool>"));
+    EXPECT_EQ(lines[at("<InFlightList>") + 1], "    [R1002 F2]TS:0 #2 left {} {} {}");
+    EXPECT_EQ(lines[at("<ReadyList>") + 1], "    [R1001 F1]TS:100 { (0x1) } { (0x100) } { (0x101) }");
+    EXPECT_EQ(lines[at("<ReadyList>") + 2], "mReadyStreamCounters: 1(1) ");
+    EXPECT_TRUE(printer.contains("    [IMAGE-HAL-POOL    ]0x1:preview 640x480"));
+    EXPECT_TRUE(printer.contains("    ( 2 3 )"));
+    releaseEverythingAndCheck();
+}
+
+TEST_F(ReleaseTest, DumpGivesUpOnABusyLockAndGoesOn) {
+    keptFrame(1, 100);
+    std::latch held(1), done(1);
+    std::thread holder([&] {
+        mManager->mInFlightLock.lock();
+        held.count_down();
+        done.wait();
+        mManager->mInFlightLock.unlock();
+    });
+    held.wait();
+    host::StringPrinter printer;
+    mManager->dumpBufferState(printer);  // waits its 500 ms for the in-flight list, no longer
+    done.count_down();
+    holder.join();
+    auto lines = printer.lines();
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_EQ(lines[0], "Timeout waiting for mInFlightLock");
+    EXPECT_EQ(lines[1], "<ReadyList>");
+    releaseEverythingAndCheck();
+}
+
+}  // namespace
+}  // namespace fbmtest
