@@ -1,8 +1,14 @@
 #!/usr/bin/env bash
-# The main job from a fresh clone: installs what is missing, builds, and runs the program.
+# The main job from a fresh clone: installs what is missing, builds the pipeline simulator and runs
+# it. With no arguments it runs the default scenario and renders its plot to build/sim/default.png;
+# arguments go to fbm-sim as they are (scripts/run.sh --help lists them).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/ensure-deps.sh build >&2
+scripts/ensure-deps.sh build sim >&2
 cmake --preset default >/dev/null
-cmake --build --preset default -j "$(nproc)" --target fbm-demo >&2
-exec ./build/default/tools/fbm-demo "$@"
+cmake --build --preset default -j "$(nproc)" --target fbm-sim >&2
+if [ $# -eq 0 ]; then
+  mkdir -p build/sim
+  set -- --plot build/sim/default.png
+fi
+exec ./build/default/tools/fbm-sim "$@"

@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
 
-scripts/ensure-deps.sh build
+scripts/ensure-deps.sh build sim
 
 step() { printf '\n==== %s ====\n' "$*"; }
 

@@ -163,6 +163,7 @@ struct HeapStats {
     bool record = false;
     std::vector<vexlor::host::HeapCreateCall> calls;
     std::function<void()> hook;
+    std::vector<std::weak_ptr<nivo::IImageBufferHeap>> live;  // pruned as heaps die
 };
 HeapStats& heapStats() {
     static HeapStats* s = new HeapStats;
@@ -203,6 +204,11 @@ std::shared_ptr<IImageBufferHeap> IImageBufferHeapFactory::create(
     if (takeFailure(s.failNext)) return nullptr;
     auto heap = std::make_shared<HostHeap>(heapName ? heapName : "");
     std::lock_guard<std::mutex> lk(s.lock);
+    if (s.live.size() >= 64 && s.live.size() >= 2 * static_cast<size_t>(s.alive)) {
+        s.live.erase(std::remove_if(s.live.begin(), s.live.end(), [](auto const& w) { return w.expired(); }),
+                     s.live.end());
+    }
+    s.live.push_back(heap);
     ++s.created;
     ++s.alive;
     ++s.events;
@@ -424,6 +430,26 @@ void HeapFactory::reset() {
     s.failNext = 0;
     s.calls.clear();
 }
+std::map<std::string, HeapFactory::Occupancy> HeapFactory::occupancy() {
+    std::vector<std::weak_ptr<nivo::IImageBufferHeap>> live;
+    {
+        auto& s = heapStats();
+        std::lock_guard<std::mutex> lk(s.lock);
+        live = s.live;
+    }
+    std::map<std::string, Occupancy> out;
+    for (auto const& w : live) {
+        long const owners = w.use_count();  // read before locking adds one
+        if (owners == 0) continue;
+        auto heap = w.lock();
+        if (!heap) continue;
+        auto& o = out[heap->heapName()];
+        ++o.alive;
+        o.idle += owners == 1;
+    }
+    return out;
+}
+
 void HeapFactory::setCreateHook(std::function<void()> hook) {
     auto& s = heapStats();
     std::lock_guard<std::mutex> lk(s.lock);

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -89,6 +90,13 @@ public:
     static void reset();  // counters of created (not alive), failures, recorded calls
     // Called at every create, before it decides, on the creating thread (nullptr to remove).
     static void setCreateHook(std::function<void()> hook);
+    // Live heaps per heap name: how many, and how many nobody but one owner holds (a heap waiting
+    // in its pool's available list). A sample, not a synchronised view.
+    struct Occupancy {
+        int64_t alive = 0;
+        int64_t idle = 0;
+    };
+    static std::map<std::string, Occupancy> occupancy();
 };
 
 // ---- stream buffers ------------------------------------------------------------------------

@@ -1,0 +1,159 @@
+// The pipeline simulator as its users run it: the binary, its report, files and exit codes.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/wait.h>
+
+#include "Scenario.h"
+
+namespace {
+
+struct SimRun {
+    int exitCode = -1;
+    std::string out;  // stdout and stderr
+};
+
+SimRun sim(std::string const& args) {
+    std::string const cmd = std::string(FBM_SIM_PATH) + " --no-progress " + args + " 2>&1";
+    SimRun r;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (p == nullptr) return r;
+    std::array<char, 4096> buf;
+    size_t n;
+    while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) r.out.append(buf.data(), n);
+    int const status = pclose(p);
+    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return r;
+}
+
+std::string slurp(std::string const& path) {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+uint64_t number(std::string const& text, std::string const& label) {
+    auto at = text.find(label);
+    return at == std::string::npos ? UINT64_MAX : std::stoull(text.substr(at + label.size()));
+}
+
+std::string tempPath(char const* name) { return ::testing::TempDir() + name; }
+
+TEST(Simulator, DefaultScenarioRunsCleanAndWritesItsFiles) {
+    std::string const series = tempPath("series.tsv"), trace = tempPath("trace.json");
+    SimRun r = sim("-n 600 --series " + series + " --trace " + trace);
+    ASSERT_EQ(r.exitCode, 0) << r.out;
+    EXPECT_NE(r.out.find("leak check: OK"), std::string::npos) << r.out;
+    std::string squeezed;  // runs of blanks as one: the table's columns are padded
+    for (char ch : r.out) {
+        if (ch != ' ' || squeezed.empty() || squeezed.back() != ' ') squeezed += ch;
+    }
+    for (char const* line : {"0x2 fullA POOL 600 600 0 0", "0x6 jpeg APP PROVIDER 600 600 0 0",
+                             "0x7 depth POOL 300 300", "run-time allocations 600, acquire time-outs 0"}) {
+        EXPECT_NE(squeezed.find(line), std::string::npos) << line << "\n" << r.out;
+    }
+    EXPECT_GT(number(r.out, "released under pressure "), 0u);  // the shared pool starved and was fed
+    EXPECT_GT(number(r.out, "cloned "), 0u);
+
+    std::string const tsv = slurp(series);
+    EXPECT_EQ(tsv.rfind("frame\tseconds\treadyList\t", 0), 0u);
+    EXPECT_NE(tsv.find("shared-0x2-0x3.inUse"), std::string::npos);
+    EXPECT_GT(std::count(tsv.begin(), tsv.end(), '\n'), 100);
+    std::string const json = slurp(trace);
+    EXPECT_EQ(json.rfind("{\"displayTimeUnit\":\"ns\",\"traceEvents\":[", 0), 0u);
+    EXPECT_NE(json.find("\"name\":\"POOL requestStreamBuffer preview|request:"), std::string::npos);
+    EXPECT_NE(json.find("\"name\":\"IFrameBufferManager::configureStreams\""), std::string::npos);
+}
+
+TEST(Simulator, StarvingScenarioTimesOutAndStillLosesNothing) {
+    // Synchronous results and selection: the selector holds more than the pool has, every time.
+    SimRun r = sim(std::string("--scenario ") + FBM_SCENARIO_DIR "/starving.json -n 200 --result-threads 0");
+    ASSERT_EQ(r.exitCode, 0) << r.out;
+    EXPECT_GT(number(r.out, "acquire time-outs "), 0u) << r.out;
+    EXPECT_GT(number(r.out, "destroyed "), 0u);
+    EXPECT_NE(r.out.find("leak check: OK"), std::string::npos);
+}
+
+TEST(Simulator, ALostBufferFailsTheRun) {
+    SimRun r = sim("-n 50 --inject-leak");
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.out.find("leak check: LOST: heaps of 'preview' still in use: 1;"), std::string::npos) << r.out;
+}
+
+TEST(Simulator, SameSeedSameCountsWhenResultsAreSynchronous) {
+    auto counts = [](std::string const& out) { return out.substr(0, out.find("request (us)")); };
+    SimRun a = sim("-n 400 --seed 7 --result-threads 0");
+    SimRun b = sim("-n 400 --seed 7 --result-threads 0");
+    SimRun c = sim("-n 400 --seed 8 --result-threads 0");
+    ASSERT_EQ(a.exitCode, 0);
+    EXPECT_EQ(counts(a.out), counts(b.out));
+    EXPECT_NE(counts(a.out), counts(c.out));
+}
+
+TEST(Simulator, DumpShowsConfigurationPoolsAndLists) {
+    SimRun r = sim("-n 40 --dump");
+    ASSERT_EQ(r.exitCode, 0);
+    for (char const* s : {"<image streams>", "    [IMAGE-HAL-POOL    ]0x2:fullA", "<pool-shared streams>",
+                          "<image buffer pool>", "[dumpPool] Pool(shared-0x2-0x3-", "<ReadyList>",
+                          "mReadyStreamCounters: "}) {
+        EXPECT_NE(r.out.find(s), std::string::npos) << s;
+    }
+}
+
+TEST(Simulator, BadUsageExitsWithTwoAndSaysWhy) {
+    SimRun r = sim("--frames banana");
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_NE(r.out.find("--frames"), std::string::npos) << r.out;
+    r = sim("--prop novalue");
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_NE(r.out.find("--prop novalue: expected key=integer"), std::string::npos) << r.out;
+
+    std::string const broken = tempPath("broken.json");
+    std::ofstream(broken) << R"({"images": [{"name": "a", "id": 1, "source": "magic"}]})";
+    r = sim("--scenario " + broken);
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_NE(r.out.find("bad scenario: " + broken +
+                         ": scenario.images[0].source: unknown source \"magic\""),
+              std::string::npos)
+        << r.out;
+    r = sim("--help");
+    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_NE(r.out.find("--result-threads"), std::string::npos);
+}
+
+TEST(ScenarioFile, ShippedDefaultIsTheBuiltInOne) {
+    EXPECT_EQ(slurp(FBM_SCENARIO_DIR "/default.json"), fbmsim::defaultScenarioJson());
+}
+
+TEST(ScenarioFile, ProblemsAreNamedWithTheirPlace) {
+    auto error = [](std::string const& json) {
+        try {
+            fbmsim::parseScenario(json);
+        } catch (fbmsim::ScenarioError const& e) {
+            return std::string(e.what());
+        }
+        return std::string("no error");
+    };
+    EXPECT_EQ(error("{").rfind("not valid JSON: ", 0), 0u);
+    EXPECT_EQ(error(R"({"images": []})"), "scenario.images: must be a non-empty array of image streams");
+    EXPECT_EQ(error(R"({"images": [{"name": "a", "id": 1}], "frame": 3})"), "scenario.frame: unknown key");
+    EXPECT_EQ(error(R"({"images": [{"name": "a", "id": "0xZ"}]})"),
+              "scenario.images[0].id: must be a stream id (an integer or a string such as \"0x1a\")");
+    EXPECT_EQ(error(R"({"images": [{"name": "a", "id": 1, "minBuffers": 5, "maxBuffers": 2}]})"),
+              "scenario.images[0]: minBuffers is above maxBuffers");
+    EXPECT_EQ(error(R"({"images": [{"name": "a", "id": 1}, {"name": "b", "id": 1}]})"),
+              "scenario.images[1].id: stream id 1 is used twice");
+    EXPECT_EQ(error(R"({"images": [{"name": "a", "id": 1, "width": "wide"}]})"),
+              "scenario.images[0].width: has the wrong type (string)");
+    EXPECT_EQ(error(R"({"images": [{"name": "a", "id": 1}], "poolChanges": [{"stream": 2}]})"),
+              "scenario.poolChanges[0].stream: is not an image stream of the scenario");
+    EXPECT_EQ(error(R"({"images": [{"name": "a", "id": 1}], "selector": {"returnKept": 2}})"),
+              "scenario.selector.returnKept: must be a probability between 0 and 1");
+}
+
+}  // namespace

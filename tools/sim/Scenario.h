@@ -1,0 +1,75 @@
+#pragma once
+// A camera configuration and run plan for the pipeline simulator, read from JSON.
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace fbmsim {
+
+enum class Source { Pool, Runtime, HalProvider, AppProvider };
+char const* sourceName(Source s);
+
+struct ImageStreamCfg {
+    std::string name;
+    int64_t id = 0;
+    Source source = Source::Pool;
+    bool blob = false;  // JPEG-like: one plane of width*height bytes
+    int32_t width = 0;
+    int32_t height = 0;
+    size_t maxBuffers = 4;
+    size_t minBuffers = 1;
+    bool keep = false;                         // tracked: the frame keeps its buffer
+    std::optional<uint32_t> triggerAtFrame;    // a deferred pool, allocated at that frame
+};
+
+struct MetaStreamCfg {
+    std::string name;
+    int64_t id = 0;
+    bool app = false;
+    bool keep = true;
+};
+
+struct SelectorCfg {
+    uint32_t everyFrames = 8;     // a selection every this many frames
+    uint32_t keepNewest = 2;      // sets kept for "processing" per selection
+    uint32_t holdSelections = 2;  // processing lasts this many selections
+    double returnKept = 0.5;      // of the rest: probability of giving a set back kept
+    uint32_t cloneEvery = 4;      // one clone every this many selections (0: never)
+};
+
+struct PoolChange {
+    int64_t stream = 0;
+    uint32_t atFrame = 0;
+    int maxBuffers = 0;
+};
+
+struct Scenario {
+    std::string name = "default";
+    uint32_t frames = 1000;
+    double fps = 30.0;
+    uint32_t inFlightDepth = 4;   // frames between request and last result
+    uint32_t resultBatches = 3;   // results of a frame come back in this many batches
+    uint32_t destroyEvery = 0;    // about one frame in N is destroyed early (0: never)
+    uint32_t noTimestampEvery = 0;  // about one frame in N completes without a timestamp
+    bool recyclable = true;
+    std::vector<ImageStreamCfg> images;
+    std::vector<MetaStreamCfg> metas;
+    std::vector<std::vector<int64_t>> sharedGroups;
+    SelectorCfg selector;
+    std::vector<PoolChange> poolChanges;
+    std::vector<std::pair<std::string, int>> properties;  // set before the manager is built
+};
+
+// A scenario file that cannot be used; the message names the problem and where it is.
+struct ScenarioError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+Scenario parseScenario(std::string const& jsonText);  // throws ScenarioError
+Scenario loadScenario(std::string const& path);       // throws ScenarioError
+std::string defaultScenarioJson();
+
+}  // namespace fbmsim

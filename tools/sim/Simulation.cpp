@@ -1,0 +1,698 @@
+#include "Simulation.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <fstream>
+#include <list>
+#include <mutex>
+#include <random>
+#include <set>
+#include <thread>
+
+#include <cutils/trace.h>
+#include <fbm/IFrameBufferManager.h>
+#include <vexlor/HostSeams.h>
+#include <vexlor/ULog.h>
+
+namespace fbmsim {
+namespace {
+
+using namespace NSCam::v3;
+using namespace NSCam::v3::pipeline;
+namespace host = vexlor::host;
+using SbPtr = std::shared_ptr<IImageStreamBuffer>;
+using MetaPtr = std::shared_ptr<IMetaStreamBuffer>;
+using Clock = std::chrono::steady_clock;
+
+constexpr uint32_t kYuvFormat = 0x32315659;
+constexpr uint32_t kBlobFormat = 0x21;
+
+std::shared_ptr<IImageStreamInfo> makeInfo(ImageStreamCfg const& c) {
+    Utils::ImageStreamInfoParams p;
+    p.name = c.name;
+    p.id = c.id;
+    p.size = {c.width, c.height};
+    p.maxBufNum = c.maxBuffers;
+    p.minInitBufNum = c.minBuffers;
+    p.deferred = c.triggerAtFrame.has_value();
+    if (c.blob) {
+        p.format = kBlobFormat;
+        size_t const bytes = static_cast<size_t>(c.width) * c.height;
+        p.planes.count = 1;
+        p.planes.planes[0] = {bytes, bytes};
+    } else {
+        p.format = kYuvFormat;
+        size_t const luma = static_cast<size_t>(c.width) * c.height;
+        p.planes.count = 2;
+        p.planes.planes[0] = {luma, static_cast<size_t>(c.width)};
+        p.planes.planes[1] = {luma / 2, static_cast<size_t>(c.width)};
+    }
+    return Utils::makeImageStreamInfo(p);
+}
+
+StreamAttribute attributeOf(Source s) {
+    switch (s) {
+        case Source::Pool: return eHAL_IMAGE_POOL;
+        case Source::Runtime: return eHAL_IMAGE_RUNTIME;
+        case Source::HalProvider: return eHAL_IMAGE_PROVIDER;
+        case Source::AppProvider: return eAPP_IMAGE_PROVIDER;
+    }
+    return eBUFFER_SOURCE_USER;
+}
+
+// A provider of the simulated pipeline: a buffer over a fresh heap per request.
+class SimProvider : public IStreamBufferProvider {
+public:
+    int requestStreamBuffer(ImageStreamBufferCallback const& callback, Request const& request) override {
+        auto heap = nivo::IImageBufferHeapFactory::create("sim-provider", request.pStreamInfo->streamName(),
+                                                          {}, false);
+        callback(Utils::makeHalImageStreamBuffer({request.pStreamInfo, heap, nullptr, nullptr}));
+        return 0;
+    }
+};
+
+struct Batch {
+    uint32_t frameNo = 0;
+    int64_t timestamp = 0;
+    bool destroyed = false;
+    std::vector<SbPtr> images;
+    std::vector<SbPtr> toRelease;
+    std::vector<MetaPtr> halMeta;
+    std::vector<MetaPtr> appMeta;
+    std::shared_ptr<std::atomic<int>> batchesLeft;  // of the frame
+};
+
+class Simulation {
+public:
+    Simulation(Scenario const& sc, Options const& opt, std::ostream& dumpOut)
+        : mSc(sc), mOpt(opt), mDumpOut(dumpOut), mRng(opt.seed) {}
+
+    RunReport run();
+
+private:
+    struct Image {
+        ImageStreamCfg cfg;
+        std::shared_ptr<IImageStreamInfo> info;
+        bool active = true;
+        size_t report = 0;  // index into the report's streams
+    };
+    struct Meta {
+        MetaStreamCfg cfg;
+        std::shared_ptr<IMetaStreamInfo> info;
+    };
+    struct Held {
+        IHistoryBufferProvider::HistoryBufferSet set;
+        uint32_t age = 0;
+    };
+    struct Worker {
+        std::mutex lock;
+        std::condition_variable cond;
+        std::deque<Batch> queue;
+        bool stop = false;
+        std::thread thread;
+    };
+
+    bool configure();
+    void frame(uint32_t f);
+    void dispatch(Batch&& b);
+    void processBatch(Batch& b);
+    void workerLoop(Worker& w, uint64_t seed);
+    void selectorLoop();
+    void selectOnce(bool final);
+    void sample(uint32_t f);
+    size_t readyListLength();
+    void dumpState();
+    void checkLeaks(RunReport& r);
+    void progress(uint32_t f, bool done);
+
+    Scenario mSc;
+    Options mOpt;
+    std::ostream& mDumpOut;
+    std::mt19937_64 mRng;  // the requesting thread's
+    RunReport mR;
+    std::shared_ptr<IFrameBufferManager> mManager;
+    std::shared_ptr<IPipelineFrameStreamBufferProvider> mProvider;
+    std::shared_ptr<IPipelineFrameHalResultProcessor> mProcessor;
+    std::shared_ptr<SimProvider> mStreamProvider = std::make_shared<SimProvider>();
+    std::vector<Image> mImages;
+    std::vector<Meta> mMetas;
+    std::set<std::string> mPoolNames;  // heap names of the pools (streams' or groups' allocations)
+    SbPtr mForgotten;                  // --inject-leak
+    std::vector<std::unique_ptr<Worker>> mWorkers;
+    std::mt19937_64 mDispatchRng{0};
+
+    std::mutex mFlightLock;
+    std::condition_variable mFlightCond;
+    uint32_t mInFlight = 0;
+
+    std::mutex mSelLock;
+    std::condition_variable mSelCond;
+    uint32_t mSelPending = 0;
+    bool mSelStop = false;
+    std::thread mSelector;
+    std::mt19937_64 mSelRng{0};
+    std::list<Held> mHeld;  // selector thread only
+    std::atomic<uint64_t> mReadyJoins{0};
+
+    Clock::time_point mStart;
+    uint32_t mSampleEvery = 1;
+    int mLastPercent = -1;
+};
+
+bool Simulation::configure() {
+    for (auto const& [key, value] : mSc.properties) host::setProperty(key, value);
+    for (auto const& [key, value] : mOpt.props) host::setProperty(key, value);  // the command line wins
+    createFrameBufferManager(&mManager, ("fbm-sim:" + mSc.name).c_str());
+    if (!mManager) return false;
+    mProvider = mManager->getPipelineFrameBufferProvider();
+    mProcessor = mManager->getPipelineFrameResultProcessor();
+
+    IFrameBufferManager::ConfigureStreams cfg;
+    cfg.sharedGroups = std::make_shared<std::vector<std::set<StreamId_T>>>();
+    for (auto const& g : mSc.sharedGroups) cfg.sharedGroups->emplace_back(g.begin(), g.end());
+    for (auto const& c : mSc.images) {
+        Image img{c, makeInfo(c), !c.triggerAtFrame.has_value(), mR.streams.size()};
+        mR.streams.push_back({c.name, c.id, c.source});
+        bool const provided = c.source == Source::HalProvider || c.source == Source::AppProvider;
+        cfg.imageStreams.push_back({img.info, attributeOf(c.source),
+                                    provided ? std::static_pointer_cast<IStreamBufferProvider>(mStreamProvider)
+                                             : nullptr});
+        mImages.push_back(std::move(img));
+    }
+    for (auto const& c : mSc.metas) {
+        Meta m{c, Utils::makeMetaStreamInfo(c.name, c.id)};
+        cfg.metaStreams.push_back({m.info, c.app ? eAPP_META : eHAL_META});
+        mMetas.push_back(std::move(m));
+    }
+    mManager->beginConfigure();
+    int const err = mManager->configureStreams(cfg);
+    mManager->endConfigure();
+    for (auto const& info : mManager->getPoolStreamInfo()) {
+        std::string name = info->streamName();
+        for (auto const& g : mSc.sharedGroups) {
+            if (g.size() < 2 || std::find(g.begin(), g.end(), info->streamId()) == g.end()) continue;
+            name = "shared";
+            for (int64_t id : std::set<int64_t>(g.begin(), g.end())) name += "-" + toHexString(id);
+        }
+        auto const& c = *std::find_if(mSc.images.begin(), mSc.images.end(),
+                                      [&](ImageStreamCfg const& i) { return i.id == info->streamId(); });
+        if (c.source == Source::Pool) mPoolNames.insert(name);
+    }
+    return err == 0;
+}
+
+void Simulation::frame(uint32_t f) {
+    // Pool control planned for this frame.
+    for (auto& img : mImages) {
+        if (img.cfg.triggerAtFrame && *img.cfg.triggerAtFrame == f) {
+            mManager->triggerBufferPool(img.cfg.id);
+            img.active = true;
+        }
+    }
+    for (auto const& c : mSc.poolChanges) {
+        if (c.atFrame != f) continue;
+        int max = c.maxBuffers;
+        mManager->updateBufferPoolMaxBufCount(c.stream, max);
+    }
+    {
+        std::unique_lock<std::mutex> lk(mFlightLock);
+        mFlightCond.wait(lk, [&] { return mInFlight < mSc.inFlightDepth; });
+        ++mInFlight;
+    }
+
+    std::uniform_int_distribution<uint32_t> any;
+    bool const destroy = mSc.destroyEvery != 0 && any(mRng) % mSc.destroyEvery == 0;
+    bool const noTimestamp = !destroy && mSc.noTimestampEvery != 0 && any(mRng) % mSc.noTimestampEvery == 0;
+
+    auto params = std::make_shared<TrackFrameResultParams>();
+    params->isRecyclable = mSc.recyclable;
+    for (auto const& img : mImages)
+        if (img.active && img.cfg.keep) params->halImage.insert(img.cfg.id);
+    for (auto const& m : mMetas) {
+        if (!m.cfg.keep) continue;
+        (m.cfg.app ? params->appMeta : params->halMeta).insert(m.cfg.id);
+    }
+    size_t const tracked = params->halImage.size() + params->halMeta.size() + params->appMeta.size();
+    mManager->trackFrameResult({f, f, params});
+
+    uint32_t const B = mSc.resultBatches;
+    std::vector<Batch> batches(B);
+    auto left = std::make_shared<std::atomic<int>>(static_cast<int>(B));
+    int64_t const ts = static_cast<int64_t>((f + 1) * (1e9 / mSc.fps));
+    for (auto& b : batches) {
+        b.frameNo = f;
+        b.batchesLeft = left;
+    }
+    if (!noTimestamp) batches[any(mRng) % B].timestamp = ts;
+    bool withheld = false;  // a destroyed frame leaves one tracked buffer outstanding
+    bool failedTracked = false;  // a kept stream got no buffer: the pipeline destroys the frame
+    auto want = [&](bool isTracked) { return !(destroy && isTracked && !withheld && (withheld = true)); };
+
+    for (auto& img : mImages) {
+        if (!img.active) continue;
+        auto& st = mR.streams[img.report];
+        SbPtr got;
+        IPipelineFrameStreamBufferProvider::RequestStreamBuffer req{f, f, img.info};
+        auto const t0 = Clock::now();
+        int const err = mProvider->requestStreamBuffer([&got](SbPtr const& sb) { got = sb; }, req);
+        auto const ns = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - t0).count();
+        mR.latency[img.cfg.source].add(static_cast<uint64_t>(ns));
+        ++st.requests;
+        if (err == -EBUSY) {
+            ++st.timeouts;
+            ++mR.acquireTimeouts;
+        }
+        if (!got) {
+            ++st.failures;
+            failedTracked |= img.cfg.keep;
+            continue;
+        }
+        ++st.buffers;
+        if (img.cfg.source == Source::Runtime) ++mR.runtimeAllocations;
+        if (mOpt.injectLeak && !mForgotten && img.cfg.source == Source::Pool) {
+            mForgotten = got;  // never given back
+            continue;
+        }
+        Batch& b = batches[any(mRng) % B];
+        if (want(img.cfg.keep)) b.images.push_back(got);
+        b.toRelease.push_back(std::move(got));  // the pipeline is done with its own buffer
+    }
+    for (auto const& m : mMetas) {
+        NSCam::IMetadata md;
+        md.update(1, f);
+        MetaPtr meta = Utils::makeHalMetaStreamBuffer({m.info, &md});
+        if (!meta || !want(m.cfg.keep)) continue;
+        Batch& b = batches[any(mRng) % B];
+        (m.cfg.app ? b.appMeta : b.halMeta).push_back(std::move(meta));
+    }
+    if ((destroy || failedTracked) && tracked > 0) batches.back().destroyed = true;
+
+    if (tracked == 0) {
+        ++mR.untracked;
+    } else if (batches.back().destroyed) {
+        ++mR.destroyed;
+    } else if (noTimestamp) {
+        ++mR.noTimestamp;
+    } else {
+        ++mReadyJoins;
+    }
+    for (auto& b : batches) dispatch(std::move(b));
+}
+
+void Simulation::dispatch(Batch&& b) {
+    if (mWorkers.empty()) {
+        processBatch(b);
+        return;
+    }
+    auto& w = *mWorkers[mDispatchRng() % mWorkers.size()];
+    {
+        std::lock_guard<std::mutex> lk(w.lock);
+        w.queue.push_back(std::move(b));
+    }
+    w.cond.notify_one();
+}
+
+void Simulation::processBatch(Batch& b) {
+    IPipelineFrameHalResultProcessor::ReturnResult r;
+    r.requestNo = b.frameNo;
+    r.frameNo = b.frameNo;
+    r.timestamp = b.timestamp;
+    r.isFrameDestroyed = b.destroyed;
+    r.halImage = &b.images;
+    r.halImageToRelease = &b.toRelease;
+    r.halMeta = &b.halMeta;
+    r.appMeta = &b.appMeta;
+    mProcessor->returnResult(r);
+    b.images.clear();
+    if (b.batchesLeft->fetch_sub(1) == 1) {
+        std::lock_guard<std::mutex> lk(mFlightLock);
+        --mInFlight;
+        mFlightCond.notify_all();
+    }
+}
+
+void Simulation::workerLoop(Worker& w, uint64_t seed) {
+    std::mt19937_64 rng(seed);
+    for (;;) {
+        Batch b;
+        {
+            std::unique_lock<std::mutex> lk(w.lock);
+            w.cond.wait(lk, [&] { return w.stop || !w.queue.empty(); });
+            if (w.queue.empty()) return;
+            b = std::move(w.queue.front());
+            w.queue.pop_front();
+        }
+        // Jitter: results of a real pipeline arrive unevenly.
+        if (mOpt.realtime) {
+            std::this_thread::sleep_for(std::chrono::microseconds(rng() % 2000));
+        } else {
+            for (uint64_t i = rng() % 4; i > 0; --i) std::this_thread::yield();
+        }
+        processBatch(b);
+    }
+}
+
+void Simulation::selectorLoop() {
+    for (;;) {
+        {
+            std::unique_lock<std::mutex> lk(mSelLock);
+            mSelCond.wait(lk, [&] { return mSelStop || mSelPending > 0; });
+            if (mSelPending == 0) return;
+            --mSelPending;
+        }
+        selectOnce(false);
+    }
+}
+
+void Simulation::selectOnce(bool final) {
+    auto const& cfg = mSc.selector;
+    auto sets = mManager->beginSelect();
+    ++mR.selections;
+    mR.selected += sets.size();
+    for (auto it = mHeld.begin(); it != mHeld.end();) {
+        if (final || ++it->age >= cfg.holdSelections) {  // processing done
+            mManager->returnUnselectedSet({it->set, false});
+            ++mR.processedReleased;
+            it = mHeld.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    size_t const n = sets.size();
+    size_t const keepFrom = n - std::min<size_t>(n, cfg.keepNewest);
+    size_t idx = 0;
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    for (auto& set : sets) {
+        if (!final && idx++ >= keepFrom) {
+            mHeld.push_back({std::move(set), 0});
+            ++mR.keptForProcessing;
+            continue;
+        }
+        bool const keep = !final && unit(mSelRng) < cfg.returnKept;
+        mManager->returnUnselectedSet({set, keep});
+        ++(keep ? mR.returnedKept : mR.releasedBySelector);
+    }
+    if (!final && cfg.cloneEvery != 0 && mR.selections % cfg.cloneEvery == 0 && !mHeld.empty()) {
+        mHeld.push_back({mManager->cloneHBS(mHeld.back().set), 0});
+        ++mR.cloned;
+    }
+    mManager->endSelect();
+}
+
+size_t Simulation::readyListLength() {
+    host::StringPrinter printer;
+    mManager->dumpBufferState(printer);
+    size_t n = 0;
+    bool inReady = false;
+    for (auto const& l : printer.lines()) {
+        if (l == "<ReadyList>") inReady = true;
+        else if (inReady && l.rfind("    [R", 0) == 0) ++n;
+    }
+    return n;
+}
+
+void Simulation::sample(uint32_t f) {
+    SeriesRow row;
+    row.frame = f;
+    row.seconds = std::chrono::duration<double>(Clock::now() - mStart).count();
+    row.readyList = readyListLength();
+    for (auto const& [name, o] : host::HeapFactory::occupancy()) {
+        if (mPoolNames.count(name) != 0) row.pools[name] = {o.alive, o.alive - o.idle};
+    }
+    mR.series.push_back(std::move(row));
+}
+
+void Simulation::dumpState() {
+    // The pools dump themselves to the log: show those lines too, under their heading.
+    using NSCam::Utils::ULog::ULogger;
+    uint32_t const level = ULogger::sDetailsLevel, mask = ULogger::sNormalDetailsMask, mode = ULogger::sMode;
+    host::LogCapture::setCapturing(true);
+    host::LogCapture::clear();
+    host::setULogSwitches(std::max<uint32_t>(level, 3), mask | 0x207000, mode | 1);
+    host::StringPrinter printer;
+    mManager->dumpState(printer);
+    host::setULogSwitches(level, mask, mode);
+    auto const logged = host::LogCapture::androidLines();
+    host::LogCapture::setCapturing(false);
+    for (auto const& l : printer.lines()) {
+        mDumpOut << l << "\n";
+        if (l != "<image buffer pool>") continue;
+        for (auto const& a : logged) {
+            if (a.text.rfind("[dump]", 0) == 0 || a.text.rfind("[dumpPool]", 0) == 0) mDumpOut << "    " << a.text << "\n";
+        }
+    }
+}
+
+void Simulation::checkLeaks(RunReport& r) {
+    std::string problems;
+    // Every heap of every pool waits in its pool, nothing is tracked by a producer.
+    for (auto const& [name, o] : host::HeapFactory::occupancy()) {
+        if (o.idle != o.alive) {
+            problems += " heaps of '" + name + "' still in use: " + std::to_string(o.alive - o.idle) + ";";
+        }
+    }
+    int64_t const images = host::StreamBufferFactory::imageAlive();
+    if (images != 0) problems += " image stream buffers alive: " + std::to_string(images) + ";";
+    mForgotten.reset();  // dropped without releaseToOwner: its producer keeps tracking it
+    mProvider.reset();
+    mProcessor.reset();
+    mManager.reset();
+    // Metadata of large releases is destroyed by the process's metadata worker: give it a moment.
+    for (int i = 0; i < 2000 && host::StreamBufferFactory::metaAlive() != 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    int64_t const heaps = host::HeapFactory::alive();
+    int64_t const metas = host::StreamBufferFactory::metaAlive();
+    if (heaps != 0) problems += " heaps alive after the manager ended: " + std::to_string(heaps) + ";";
+    if (metas != 0) problems += " metadata buffers alive: " + std::to_string(metas) + ";";
+    r.leakFree = problems.empty();
+    r.leakText = r.leakFree ? "OK: every heap back in its pool, no stream buffer tracked, 0 heaps, 0 "
+                              "image and 0 metadata buffers alive after the manager ended"
+                            : "LOST:" + problems;
+}
+
+void Simulation::progress(uint32_t f, bool done) {
+    if (!mOpt.progress) return;
+    int const percent = static_cast<int>(100.0 * f / mSc.frames);
+    if (percent == mLastPercent && !done) return;
+    mLastPercent = percent;
+    int const filled = percent * 30 / 100;
+    std::fprintf(stderr, "\rfbm-sim [%.*s%*s] %3d%% %u/%u frames%s", filled,
+                 "##############################", 30 - filled, "", percent, f, mSc.frames,
+                 done ? "\n" : "");
+    std::fflush(stderr);
+}
+
+RunReport Simulation::run() {
+    mR.scenario = mSc.name;
+    mR.frames = mSc.frames;
+    mR.fps = mSc.fps;
+    mR.seed = mOpt.seed;
+    mR.resultThreads = mOpt.resultThreads;
+    mDispatchRng.seed(mOpt.seed * 7919 + 1);
+    mSelRng.seed(mOpt.seed * 104729 + 3);
+    if (!mOpt.traceFile.empty()) host::TraceRecorder::setEnabledTags(ATRACE_TAG_CAMERA);
+    if (!configure()) {
+        mR.leakText = "configuration failed";
+        return mR;
+    }
+    for (int i = 0; i < mOpt.resultThreads; ++i) {
+        mWorkers.push_back(std::make_unique<Worker>());
+        auto* w = mWorkers.back().get();
+        w->thread = std::thread([this, w, i] { workerLoop(*w, mOpt.seed + 1000 + i); });
+    }
+    if (!mWorkers.empty()) mSelector = std::thread([this] { selectorLoop(); });
+
+    mSampleEvery = std::max<uint32_t>(1, mSc.frames / 400);
+    mStart = Clock::now();
+    for (uint32_t f = 0; f < mSc.frames; ++f) {
+        if (mOpt.realtime) std::this_thread::sleep_until(mStart + std::chrono::duration<double>(f / mSc.fps));
+        frame(f);
+        if ((f + 1) % mSc.selector.everyFrames == 0) {
+            if (mWorkers.empty()) {
+                selectOnce(false);
+            } else {
+                std::lock_guard<std::mutex> lk(mSelLock);
+                ++mSelPending;
+                mSelCond.notify_one();
+            }
+        }
+        if (f % mSampleEvery == 0) sample(f);
+        progress(f + 1, false);
+    }
+    for (auto& w : mWorkers) {
+        {
+            std::lock_guard<std::mutex> lk(w->lock);
+            w->stop = true;
+        }
+        w->cond.notify_one();
+        w->thread.join();
+    }
+    if (mSelector.joinable()) {
+        {
+            std::lock_guard<std::mutex> lk(mSelLock);
+            mSelStop = true;
+        }
+        mSelCond.notify_one();
+        mSelector.join();
+    }
+    mR.seconds = std::chrono::duration<double>(Clock::now() - mStart).count();
+    progress(mSc.frames, true);
+    sample(mSc.frames);
+    if (mOpt.dump) dumpState();
+    selectOnce(true);  // the selector lets go of everything
+    uint64_t const joins = mReadyJoins.load() + mR.returnedKept;
+    mR.completed = mReadyJoins.load();
+    mR.releasedUnderPressure = joins >= mR.selected ? joins - mR.selected : 0;
+    if (!mOpt.traceFile.empty()) host::TraceRecorder::setEnabledTags(0);
+    checkLeaks(mR);
+    return mR;
+}
+
+}  // namespace
+
+RunReport runSimulation(Scenario const& scenario, Options const& options, std::ostream& dumpOut) {
+    Simulation sim(scenario, options, dumpOut);
+    return sim.run();
+}
+
+void printReport(RunReport const& r, std::ostream& out) {
+    char line[256];
+    auto print = [&](char const* fmt, auto... args) {
+        std::snprintf(line, sizeof line, fmt, args...);
+        out << line;
+    };
+    print("fbm-sim: scenario \"%s\", %u frames at %.0f fps, seed %llu, %d result thread%s\n",
+          r.scenario.c_str(), r.frames, r.fps, static_cast<unsigned long long>(r.seed), r.resultThreads,
+          r.resultThreads == 1 ? "" : "s");
+    print("\nframes      completed %llu, destroyed %llu, released without timestamp %llu, kept nothing %llu\n",
+          (unsigned long long)r.completed, (unsigned long long)r.destroyed,
+          (unsigned long long)r.noTimestamp, (unsigned long long)r.untracked);
+    print("\n%-8s %-12s %-13s %9s %9s %9s %9s\n", "stream", "name", "source", "requests", "buffers",
+          "failures", "time-outs");
+    for (auto const& s : r.streams) {
+        print("%-8s %-12s %-13s %9llu %9llu %9llu %9llu\n", toHexString(s.id).c_str(), s.name.c_str(),
+              sourceName(s.source), (unsigned long long)s.requests, (unsigned long long)s.buffers,
+              (unsigned long long)s.failures, (unsigned long long)s.timeouts);
+    }
+    print("\nrun-time allocations %llu, acquire time-outs %llu\n", (unsigned long long)r.runtimeAllocations,
+          (unsigned long long)r.acquireTimeouts);
+    print("history sets: %llu selections took %llu sets; kept for processing %llu, returned kept %llu, "
+          "released by the selector %llu,\n              released after processing %llu, cloned %llu, "
+          "released under pressure %llu\n",
+          (unsigned long long)r.selections, (unsigned long long)r.selected,
+          (unsigned long long)r.keptForProcessing, (unsigned long long)r.returnedKept,
+          (unsigned long long)r.releasedBySelector, (unsigned long long)r.processedReleased,
+          (unsigned long long)r.cloned, (unsigned long long)r.releasedUnderPressure);
+    print("\n%-14s %10s %10s %10s %10s\n", "request (us)", "count", "median", "p99", "max");
+    for (auto const& [source, h] : r.latency) {
+        print("%-14s %10llu %10.1f %10.1f %10.1f\n", sourceName(source), (unsigned long long)h.count(),
+              h.quantile(0.5) / 1000.0, h.quantile(0.99) / 1000.0, h.max() / 1000.0);
+    }
+    print("\n%.0f frames/s (%u frames in %.2f s)\n", r.seconds > 0 ? r.frames / r.seconds : 0.0, r.frames,
+          r.seconds);
+    print("leak check: %s\n", r.leakText.c_str());
+}
+
+bool writeSeries(RunReport const& r, std::string const& path, std::string& error) {
+    std::ofstream out(path);
+    if (!out) {
+        error = path + ": cannot be written";
+        return false;
+    }
+    std::set<std::string> names;
+    for (auto const& row : r.series)
+        for (auto const& [name, v] : row.pools) names.insert(name);
+    out << "frame\tseconds\treadyList";
+    for (auto const& n : names) out << "\t" << n << ".allocated\t" << n << ".inUse\t" << n << ".available";
+    out << "\n";
+    for (auto const& row : r.series) {
+        out << row.frame << "\t" << row.seconds << "\t" << row.readyList;
+        for (auto const& n : names) {
+            auto it = row.pools.find(n);
+            int64_t const a = it == row.pools.end() ? 0 : it->second.first;
+            int64_t const u = it == row.pools.end() ? 0 : it->second.second;
+            out << "\t" << a << "\t" << u << "\t" << (a - u);
+        }
+        out << "\n";
+    }
+    return true;
+}
+
+bool renderPlot(std::string const& seriesPath, std::string const& pngPath, RunReport const& r,
+                std::string& error) {
+    if (std::system("command -v gnuplot >/dev/null 2>&1") != 0) {
+        error = "gnuplot is not installed (scripts/ensure-deps.sh sim)";
+        return false;
+    }
+    std::set<std::string> names;
+    for (auto const& row : r.series)
+        for (auto const& [name, v] : row.pools) names.insert(name);
+    std::string const script = pngPath + ".gp";
+    {
+        std::ofstream gp(script);
+        gp << "set terminal pngcairo size 1200,800 noenhanced\n"
+           << "set output '" << pngPath << "'\n"
+           << "set datafile separator '\\t'\n"
+           << "set key outside right\nset offsets 0, 0, 1, 0\nset yrange [0:*]\n"
+           << "set multiplot layout 2,1 title 'fbm-sim: " << r.scenario << ", " << r.frames << " frames'\n"
+           << "set title 'heaps in use per heap pool (dashed: allocated)'\nset xlabel 'frame'\nset ylabel 'heaps'\n"
+           << "plot ";
+        int col = 4, i = 0;
+        for (auto const& n : names) {
+            if (i) gp << ", ";
+            gp << "'" << seriesPath << "' using 1:" << col + 1 << " with lines lw 2 lc " << i + 1 << " title '"
+               << n << " in use', '' using 1:" << col << " with lines dt 2 lc " << i + 1 << " notitle";
+            col += 3;
+            ++i;
+        }
+        gp << "\nset title 'history sets on the ready list'\nset ylabel 'sets'\n"
+           << "plot '" << seriesPath << "' using 1:3 with lines lw 2 title 'ready list'\n"
+           << "unset multiplot\n";
+    }
+    std::string const cmd = "gnuplot '" + script + "' 2>&1";
+    if (std::system(cmd.c_str()) != 0) {
+        error = "gnuplot failed on " + script;
+        return false;
+    }
+    std::remove(script.c_str());
+    return true;
+}
+
+bool writeTrace(std::string const& path, std::string& error) {
+    std::ofstream out(path);
+    if (!out) {
+        error = path + ": cannot be written";
+        return false;
+    }
+    auto const events = host::TraceRecorder::events();
+    int64_t const t0 = events.empty() ? 0 : events.front().timeNs;
+    out << "{\"displayTimeUnit\":\"ns\",\"traceEvents\":[\n";
+    bool first = true;
+    for (auto const& e : events) {
+        if (!first) out << ",\n";
+        first = false;
+        char ts[32];
+        std::snprintf(ts, sizeof ts, "%.3f", (e.timeNs - t0) / 1000.0);
+        out << "{\"ph\":\"" << (e.begin ? "B" : "E") << "\",\"pid\":1,\"tid\":" << e.tid << ",\"ts\":" << ts;
+        if (e.begin) {
+            std::string name;
+            for (char c : e.name) {
+                if (c == '"' || c == '\\') name += '\\';
+                name += c;
+            }
+            out << ",\"name\":\"" << name << "\"";
+        }
+        out << "}";
+    }
+    out << "\n]}\n";
+    return true;
+}
+
+}  // namespace fbmsim
