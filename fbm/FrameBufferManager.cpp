@@ -273,6 +273,21 @@ FrameBufferManagerImpl::~FrameBufferManagerImpl() {
     }
     mDebuggeeCookie.reset();
     MY_LOGI("-");
+    // What the unfinished frames and the ready sets kept goes back to its producers now. Dropping
+    // it with the lists would not: a kept buffer holds its producer, which tracks the buffer, so
+    // producers, heap pools and heaps would outlive the manager.
+    std::list<InFlightBufferSet> inFlight;
+    std::list<HistoryBufferSet> ready;
+    {
+        LockGuard<TimedMutex> lk(mInFlightLock);
+        inFlight.swap(mInFlightList);
+    }
+    {
+        LockGuard<TimedMutex> lk(mReadyLock);
+        ready.swap(mReadyList);
+    }
+    for (auto& set : inFlight) releaseOneBufferSet(set);
+    for (auto& set : ready) releaseOneBufferSet(set);
 }
 
 std::shared_ptr<IPipelineFrameStreamBufferProvider>

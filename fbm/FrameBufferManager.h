@@ -209,8 +209,8 @@ protected:
         std::shared_ptr<BufferProducer> const& sharedProducer);
     BufferProducer::ReleaseCallback makeReleaseCallback() const;
 
-    // Members, in this order (destroyed in reverse: sets and their buffers first, then the
-    // configuration records and with them the producers).
+    // Members, in this order (destroyed in reverse: sets first, their buffers given back by the
+    // destructor, then the configuration records and with them the producers).
     std::string mName;
     std::weak_ptr<FrameBufferManagerImpl> mWeakThis;  // source of the handles accessors return
     int32_t mLogLevel;
