@@ -22,9 +22,9 @@ public:
         return 0;
     }
     std::atomic<int> calls{0};
-    int64_t lastTimeout = 0;
-    uint32_t lastRequestNo = 0;
-    int failWith = 0;
+    std::atomic<int64_t> lastTimeout{0};
+    std::atomic<uint32_t> lastRequestNo{0};
+    std::atomic<int> failWith{0};
 };
 
 // Stream ids of the standard configuration.

@@ -1,0 +1,245 @@
+// Everything at once: requesters on every kind of stream, result returners, a selector, a dumper
+// through the debuggee registry and pool control, with pools that starve and are fed by the
+// release path. Bounded in frames and time; a watchdog turns a deadlock into a failure that shows
+// the state dump. At the end nothing may be lost and the ready counters must agree with the list.
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <iostream>
+#include <random>
+#include <thread>
+
+#include "FramePathSupport.h"
+
+namespace fbmtest {
+namespace {
+
+class NullPrinter : public NSCam::IPrinter {
+public:
+    void printLine(char const*) override { ++lines; }
+    void printFormatLine(char const*, ...) override { ++lines; }
+    std::atomic<uint64_t> lines{0};
+};
+
+struct Batch {
+    uint32_t frameNo = 0;
+    int64_t timestamp = 0;
+    bool destroyed = false;
+    std::vector<SbPtr> images, toRelease;
+    std::vector<MetaPtr> halMeta, appMeta;
+};
+
+class StressTest : public FramePathTest {
+protected:
+    void SetUp() override {
+        FramePathTest::SetUp();
+        host::setProperty("vendor.debug.camera.pipeline.fbm.acquire.timeout", 50);
+        // preview: 2 heaps; the shared full-size pool: 3; both starve
+        // Only the manager's own requests for heaps are kept, to count them.
+        host::setULogSwitches(5, 0x207000, 8);
+        host::setProperty("vendor.debug.camera.log.pipeline.fbm", 2);
+        mManager = makeManager("stress");
+        mProcessor = mManager->getPipelineFrameResultProcessor();
+        mProvider = mManager->getPipelineFrameBufferProvider();
+        configure();
+    }
+    void TearDown() override {
+        host::LogCapture::setCapturing(true);
+        FramePathTest::TearDown();
+    }
+
+    void requester(uint64_t seed);
+    void resulter();
+    void selector(uint64_t seed);
+    bool running() const { return !mStop.load(); }
+
+    uint32_t const kFrames = std::getenv("FBM_STRESS_FRAMES") ? std::atoi(std::getenv("FBM_STRESS_FRAMES")) : 4000;
+    std::atomic<uint32_t> mNextFrame{1};
+    std::atomic<bool> mStop{false};
+    std::atomic<bool> mDeferredOn{false};
+    std::atomic<uint64_t> mRequests{0}, mTimeouts{0}, mResults{0}, mSelections{0}, mClones{0},
+        mDumps{0}, mPoolOps{0};
+    std::mutex mQueueLock;
+    std::condition_variable mQueueCond;
+    std::deque<Batch> mQueue;
+    int mRequestersLeft = 0;
+};
+
+void StressTest::requester(uint64_t seed) {
+    std::mt19937_64 rng(seed);
+    for (uint32_t f = mNextFrame++; f <= kFrames && running(); f = mNextFrame++) {
+        std::vector<StreamId_T> streams{kPreview, kFullA, kFullB, kRuntime, kHalProv, kJpeg};
+        if (mDeferredOn) streams.push_back(kDeferred);
+        std::set<StreamId_T> kept;
+        for (StreamId_T id : {kPreview, kFullA, kFullB, kDeferred}) {
+            if (std::count(streams.begin(), streams.end(), id) && rng() % 2) kept.insert(id);
+        }
+        bool const recyclable = rng() % 8 != 0;
+        track(f, kept, {kHalMeta}, {kAppMeta}, recyclable);
+        Batch a, b;
+        a.frameNo = b.frameNo = f;
+        (rng() % 2 ? a : b).timestamp = rng() % 16 == 0 ? 0 : int64_t(f) * 1000 + int64_t(rng() % 3000);
+        bool failedKept = false;
+        for (StreamId_T id : streams) {
+            auto [err, sb] = request(id, f);
+            ++mRequests;
+            if (err == -EBUSY) ++mTimeouts;
+            if (!sb) {
+                failedKept |= kept.count(id) != 0;
+                continue;
+            }
+            Batch& to = rng() % 2 ? a : b;
+            to.images.push_back(sb);
+            to.toRelease.push_back(sb);
+        }
+        (rng() % 2 ? a : b).halMeta.push_back(makeMeta(mHalMetaInfo, f));
+        (rng() % 2 ? a : b).appMeta.push_back(makeMeta(mAppMetaInfo, f));
+        b.destroyed = failedKept || rng() % 32 == 0;
+        std::lock_guard<std::mutex> lk(mQueueLock);
+        mQueue.push_back(std::move(a));
+        mQueue.push_back(std::move(b));
+        mQueueCond.notify_all();
+    }
+    std::lock_guard<std::mutex> lk(mQueueLock);
+    --mRequestersLeft;
+    mQueueCond.notify_all();
+}
+
+void StressTest::resulter() {
+    for (;;) {
+        Batch b;
+        {
+            std::unique_lock<std::mutex> lk(mQueueLock);
+            mQueueCond.wait(lk, [&] { return !mQueue.empty() || mRequestersLeft == 0; });
+            if (mQueue.empty()) return;
+            b = std::move(mQueue.front());
+            mQueue.pop_front();
+        }
+        Result r;
+        r.timestamp = b.timestamp;
+        r.destroyed = b.destroyed;
+        r.images = std::move(b.images);
+        r.toRelease = std::move(b.toRelease);
+        r.halMeta = std::move(b.halMeta);
+        r.appMeta = std::move(b.appMeta);
+        returnResult(b.frameNo, r);
+        ++mResults;
+    }
+}
+
+void StressTest::selector(uint64_t seed) {
+    std::mt19937_64 rng(seed);
+    std::vector<IHistoryBufferProvider::HistoryBufferSet> held;
+    while (running()) {
+        auto sets = mManager->beginSelect();
+        ++mSelections;
+        for (auto& h : held) mManager->returnUnselectedSet({h, false});
+        held.clear();
+        for (auto& s : sets) {
+            switch (rng() % 4) {
+                case 0: held.push_back(std::move(s)); break;
+                case 1: mManager->returnUnselectedSet({s, false}); break;
+                default: mManager->returnUnselectedSet({s, true}); break;
+            }
+        }
+        if (!held.empty() && rng() % 3 == 0) {
+            held.push_back(mManager->cloneHBS(held.front()));
+            ++mClones;
+        }
+        mManager->endSelect();
+        std::this_thread::yield();
+    }
+    auto sets = mManager->beginSelect();
+    for (auto& h : held) mManager->returnUnselectedSet({h, false});
+    for (auto& s : sets) mManager->returnUnselectedSet({s, true});
+    mManager->endSelect();
+}
+
+TEST_F(StressTest, ConcurrentFramesSelectionDumpsAndPoolControlLoseNothing) {
+    std::mutex doneLock;
+    std::condition_variable doneCond;
+    bool done = false;
+    std::thread watchdog([&] {
+        std::unique_lock<std::mutex> lk(doneLock);
+        if (doneCond.wait_for(lk, std::chrono::seconds(120), [&] { return done; })) return;
+        host::StringPrinter printer;  // the dump only tries the frame locks: it cannot hang here
+        mManager->dumpState(printer);
+        std::cerr << "stress: no progress for 120 s, state dump:\n" << printer.text() << std::flush;
+        std::abort();
+    });
+
+    mRequestersLeft = 2;
+    std::vector<std::thread> threads;
+    for (uint64_t i = 0; i < 2; ++i) threads.emplace_back([this, i] { requester(100 + i); });
+    std::vector<std::thread> resulters;
+    for (int i = 0; i < 2; ++i) resulters.emplace_back([this] { resulter(); });
+    threads.emplace_back([this] { selector(7); });
+    NullPrinter sink;
+    threads.emplace_back([&] {  // the registry's thread
+        std::mutex m;
+        std::unique_lock<std::mutex> lk(m);
+        while (running()) {
+            host::DebuggeeRegistry::debugAll(&sink);
+            mManager->peekInflightsReqNo();
+            ++mDumps;
+            std::condition_variable().wait_for(lk, std::chrono::milliseconds(2));  // pacing only
+        }
+    });
+    threads.emplace_back([&] {  // pool control
+        std::mt19937_64 rng(11);
+        std::mutex m;
+        std::unique_lock<std::mutex> lk(m);
+        while (running()) {
+            int max = 3 + static_cast<int>(rng() % 3);
+            mManager->updateBufferPoolMaxBufCount(kFullA, max);
+            int got = 0, allocated = 0;
+            mManager->getBufferPoolMaxBufCount(kFullB, got, allocated);
+            if (!mDeferredOn && mNextFrame > kFrames / 4) {
+                mManager->triggerBufferPool(kDeferred);
+                mDeferredOn = true;
+            }
+            ++mPoolOps;
+            std::condition_variable().wait_for(lk, std::chrono::milliseconds(3));  // pacing only
+        }
+    });
+
+    threads[0].join();
+    threads[1].join();
+    for (auto& t : resulters) t.join();
+    mStop = true;
+    for (size_t i = 2; i < threads.size(); ++i) threads[i].join();
+    {
+        std::lock_guard<std::mutex> lk(doneLock);
+        done = true;
+    }
+    doneCond.notify_all();
+    watchdog.join();
+
+    EXPECT_TRUE(mManager->peekInflights().empty());
+    {   // the per-pool counters agree with the ready list
+        NSCam::LockGuard<NSCam::TimedMutex> lk(mManager->mReadyLock);
+        std::map<StreamId_T, int32_t> expected;
+        for (auto const& set : mManager->mReadyList)
+            for (auto const& image : set.halImage)
+                ++expected[*mManager->getPoolStreams(image->streamInfoOf()->streamId()).begin()];
+        for (auto const& [key, n] : mManager->mReadyStreamCounters) {
+            EXPECT_EQ(n, expected[key]) << "pool " << key;
+        }
+    }
+    std::cout << "stress: " << kFrames << " frames, " << mRequests << " requests (" << mTimeouts
+              << " timed out), " << mResults << " result batches, " << mSelections << " selections, "
+              << mClones << " clones, " << mDumps << " dumps, " << mPoolOps << " pool operations\n";
+    RecordProperty("requests", static_cast<int>(mRequests));
+    size_t const feeds = ulogCount("try release count(");
+    std::cout << "stress: " << feeds << " requests for heaps from starving pools\n";
+    EXPECT_GT(feeds, 0u);
+    host::LogCapture::clear();
+    releaseEverythingAndCheck();
+    mProcessor.reset();
+    mProvider.reset();
+    mManager.reset();
+    EXPECT_TRUE(waitHeaps([](int64_t, int64_t alive) { return alive == 0; }));
+}
+
+}  // namespace
+}  // namespace fbmtest
