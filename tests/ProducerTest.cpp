@@ -252,7 +252,7 @@ TEST_F(ProducerTest, BufferNotMadeKeepsTheHeapCountedAsInUse) {
 
 TEST_F(ProducerTest, ReleasingAnUntrackedBufferIsFatal) {
     auto producer = makeProducer(1);
-    auto stranger = Utils::makeHalImageStreamBuffer({mInfo, nullptr, nullptr, nullptr});
+    auto stranger = Utils::makeHalImageStreamBuffer({mInfo, mAllocator(), nullptr, nullptr});
     EXPECT_DEATH(producer->releaseToPool("x", stranger),
                  "\\[releaseToPool:line-[0-9]+\\] Producer\\(0x[0-9a-f]+ 0x10 preview\\) "
                  "Pool\\(preview-pool\\): SB\\(0x[0-9a-f]+\\) not found!");

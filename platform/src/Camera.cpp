@@ -324,7 +324,7 @@ private:
 namespace NSCam::v3::Utils {
 
 std::shared_ptr<IImageStreamBuffer> makeHalImageStreamBuffer(MakeHalImageStreamBuffer const& arg) {
-    if (takeFailure(gFailImage)) return nullptr;
+    if (!arg.heap || takeFailure(gFailImage)) return nullptr;  // a stream buffer needs a heap
     return std::make_shared<HostImageStreamBuffer>(arg);
 }
 
