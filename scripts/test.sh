@@ -3,13 +3,14 @@
 #   1. the default build's tests,
 #   2. an install of the library and a consumer project built against it,
 #   3. the thread-safety analysis build (clang),
-#   4. the tests under address+undefined and under thread sanitizers.
+#   4. the tests under address+undefined and under thread sanitizers,
+#   5. the libFuzzer harness for FBM_FUZZ_SECONDS (default 60) over the committed seed corpus.
 # Usage: scripts/test.sh [--quick]   (--quick: step 1 only)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
 
-scripts/ensure-deps.sh build sim
+scripts/ensure-deps.sh build sim fuzz
 
 step() { printf '\n==== %s ====\n' "$*"; }
 
@@ -36,4 +37,13 @@ for preset in asan tsan; do
   cmake --build --preset "$preset" -j "$jobs"
   ctest --preset "$preset" -j "$jobs"
 done
+step "fuzzing for ${FBM_FUZZ_SECONDS:-60} s"
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz -j "$jobs"
+corpus=$(mktemp -d)
+trap 'rm -rf "$corpus"' EXIT
+./build/fuzz/tests/fuzz/fbm_fuzz -max_total_time="${FBM_FUZZ_SECONDS:-60}" -max_len=128 \
+  -print_final_stats=1 -artifact_prefix=build/fuzz/ "$corpus" tests/fuzz/corpus 2>&1 |
+  grep -E '^#[0-9]+[[:space:]]+(INITED|DONE)|^stat::|ERROR|invariant|SUMMARY'
+
 step "all passed"

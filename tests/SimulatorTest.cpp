@@ -61,7 +61,7 @@ TEST(Simulator, DefaultScenarioRunsCleanAndWritesItsFiles) {
     EXPECT_GT(number(r.out, "cloned "), 0u);
 
     std::string const tsv = slurp(series);
-    EXPECT_EQ(tsv.rfind("frame\tseconds\treadyList\t", 0), 0u);
+    EXPECT_EQ(tsv.rfind("frame\tseconds\treadyList\tresidentMb\t", 0), 0u);
     EXPECT_NE(tsv.find("shared-0x2-0x3.inUse"), std::string::npos);
     EXPECT_GT(std::count(tsv.begin(), tsv.end(), '\n'), 100);
     std::string const json = slurp(trace);

@@ -1,5 +1,6 @@
 #include "Simulation.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,6 +33,15 @@ using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kYuvFormat = 0x32315659;
 constexpr uint32_t kBlobFormat = 0x21;
+
+double residentMb() {
+    long pages = 0, resident = 0;
+    if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+        std::fclose(f);
+    }
+    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
+}
 
 std::shared_ptr<IImageStreamInfo> makeInfo(ImageStreamCfg const& c) {
     Utils::ImageStreamInfoParams p;
@@ -422,6 +432,7 @@ void Simulation::sample(uint32_t f) {
     row.frame = f;
     row.seconds = std::chrono::duration<double>(Clock::now() - mStart).count();
     row.readyList = readyListLength();
+    row.residentMb = residentMb();
     for (auto const& [name, o] : host::HeapFactory::occupancy()) {
         if (mPoolNames.count(name) != 0) row.pools[name] = {o.alive, o.alive - o.idle};
     }
@@ -545,6 +556,9 @@ RunReport Simulation::run() {
     mR.seconds = std::chrono::duration<double>(Clock::now() - mStart).count();
     progress(mSc.frames, true);
     sample(mSc.frames);
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    mR.peakResidentMb = static_cast<double>(usage.ru_maxrss) / 1024.0;
     if (mOpt.dump) dumpState();
     selectOnce(true);  // the selector lets go of everything
     uint64_t const joins = mReadyJoins.load() + mR.returnedKept;
@@ -597,6 +611,13 @@ void printReport(RunReport const& r, std::ostream& out) {
     }
     print("\n%.0f frames/s (%u frames in %.2f s)\n", r.seconds > 0 ? r.frames / r.seconds : 0.0, r.frames,
           r.seconds);
+    if (r.series.size() >= 2) {
+        // Steady state: from a tenth of the run on, after the pools have grown to their size.
+        auto const& early = r.series[r.series.size() / 10];
+        auto const& late = r.series[r.series.size() - 2];
+        print("memory: resident %.1f MB at frame %u, %.1f MB at frame %u, peak %.1f MB\n", early.residentMb,
+              early.frame, late.residentMb, late.frame, r.peakResidentMb);
+    }
     print("leak check: %s\n", r.leakText.c_str());
 }
 
@@ -609,11 +630,11 @@ bool writeSeries(RunReport const& r, std::string const& path, std::string& error
     std::set<std::string> names;
     for (auto const& row : r.series)
         for (auto const& [name, v] : row.pools) names.insert(name);
-    out << "frame\tseconds\treadyList";
+    out << "frame\tseconds\treadyList\tresidentMb";
     for (auto const& n : names) out << "\t" << n << ".allocated\t" << n << ".inUse\t" << n << ".available";
     out << "\n";
     for (auto const& row : r.series) {
-        out << row.frame << "\t" << row.seconds << "\t" << row.readyList;
+        out << row.frame << "\t" << row.seconds << "\t" << row.readyList << "\t" << row.residentMb;
         for (auto const& n : names) {
             auto it = row.pools.find(n);
             int64_t const a = it == row.pools.end() ? 0 : it->second.first;
@@ -644,7 +665,7 @@ bool renderPlot(std::string const& seriesPath, std::string const& pngPath, RunRe
            << "set multiplot layout 2,1 title 'fbm-sim: " << r.scenario << ", " << r.frames << " frames'\n"
            << "set title 'heaps in use per heap pool (dashed: allocated)'\nset xlabel 'frame'\nset ylabel 'heaps'\n"
            << "plot ";
-        int col = 4, i = 0;
+        int col = 5, i = 0;
         for (auto const& n : names) {
             if (i) gp << ", ";
             gp << "'" << seriesPath << "' using 1:" << col + 1 << " with lines lw 2 lc " << i + 1 << " title '"

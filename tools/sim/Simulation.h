@@ -43,6 +43,7 @@ struct SeriesRow {
     uint32_t frame = 0;
     double seconds = 0;
     size_t readyList = 0;
+    double residentMb = 0;  // the process's resident memory
     std::map<std::string, std::pair<int64_t, int64_t>> pools;  // name: (allocated, in use)
 };
 
@@ -69,6 +70,7 @@ struct RunReport {
     uint64_t acquireTimeouts = 0;
     std::map<Source, Histogram> latency;
     double seconds = 0;
+    double peakResidentMb = 0;
     bool leakFree = false;
     std::string leakText;
     std::vector<SeriesRow> series;
