@@ -30,12 +30,12 @@ BufferHeapPool::~BufferHeapPool() {
     // Each wake-up is sent under the lock its waiter tests mExit with, so it cannot be missed.
     mExit = true;
     {
-        MutexLocker lk(mAvailableLock);
-        mAvailableCond.notify_one();
+        LockGuard<Mutex> lk(mAvailableLock);
+        mAvailableCond.notifyOne();
     }
     {
-        MutexLocker lk(mCountLock);
-        mUpdateCond.notify_one();
+        LockGuard<Mutex> lk(mCountLock);
+        mUpdateCond.notifyOne();
     }
     for (auto& f : mUpdateFutures) f.get();
     mUpdateFutures.clear();
@@ -116,7 +116,7 @@ int32_t BufferHeapPool::returnBufferToPool_l(char const* callerName, HeapPtr& he
     }
     mAvailableBuf.splice(mAvailableBuf.end(), mInUseBuf, it);
     heap.reset();  // given back: only a refused heap stays with the caller
-    mAvailableCond.notify_one();
+    mAvailableCond.notifyOne();
     MY_LOGD_IF(mLogLevel >= 1, "[%s] successfully return buffer. available(#%zu) inUse(#%zu) buffer(%p)",
                callerName, mAvailableBuf.size(), mInUseBuf.size(),
                static_cast<void const*>(mAvailableBuf.back().get()));
@@ -133,7 +133,7 @@ int32_t BufferHeapPool::updateBufferCount(int32_t count) {
         mUpdateFutures.push_back(std::async(std::launch::async, [this]() { return workerLoop(); }));
     } else {
         MY_LOGD("notify existed updateBufferCount thread: pool(%s)", mPoolName.c_str());
-        mUpdateCond.notify_one();
+        mUpdateCond.notifyOne();
     }
     return 0;
 }
@@ -168,8 +168,8 @@ int32_t BufferHeapPool::workerLoop() {
         if (mAllocatedCount > target) {
             HeapPtr freed;  // let go outside the lock
             {
-                MutexLocker lk(mAvailableLock);
-                if (mAvailableBuf.empty() && !mExit) mAvailableCond.wait(lk.std());
+                LockGuard<Mutex> lk(mAvailableLock);
+                if (mAvailableBuf.empty() && !mExit) mAvailableCond.wait(mAvailableLock);
                 if (!mAvailableBuf.empty()) {
                     freed = std::move(mAvailableBuf.front());
                     mAvailableBuf.pop_front();
@@ -179,9 +179,9 @@ int32_t BufferHeapPool::workerLoop() {
         }
         if (mAllocatedCount == target) {
             MY_LOGD_AS(fn, "updateBufferCount: [%s] done (%d)", mPoolName.c_str(), target);
-            MutexLocker lk(mCountLock);
+            LockGuard<Mutex> lk(mCountLock);
             MY_LOGD_AS(fn, "wait +");
-            if (mTargetMaxBuffer == target && !mExit) mUpdateCond.wait(lk.std());
+            if (mTargetMaxBuffer == target && !mExit) mUpdateCond.wait(mCountLock);
             MY_LOGD_AS(fn, "wait -");
         }
         {
@@ -202,6 +202,7 @@ int32_t BufferHeapPool::updateMaxBuffer(int32_t& newMax) {
         oldTarget = mTargetMaxBuffer;
         if (current > newMax) {
             mNeedDecreaseMaxBuffer = current - newMax;
+            mDecreasePending.store(mNeedDecreaseMaxBuffer > 0, std::memory_order_release);
             needDecrease = mNeedDecreaseMaxBuffer;
             MY_LOGD_IF(mLogLevel >= 1, "[%s] set mNeedDecreaseMaxBuffer = %d", mPoolName.c_str(),
                        mNeedDecreaseMaxBuffer);
@@ -227,6 +228,7 @@ int32_t BufferHeapPool::getAllocatedBuffer(int32_t& out) const {
 }
 
 bool BufferHeapPool::isPoolWaitForRelease() const {
+    if (mLogLevel < 1 && !mDecreasePending.load(std::memory_order_acquire)) return false;
     LockGuard<Mutex> lk(mCountLock);
     MY_LOGD_IF(mLogLevel >= 1, "[%s] mNeedDecreaseMaxBuffer = %d", mPoolName.c_str(),
                mNeedDecreaseMaxBuffer);
@@ -253,6 +255,7 @@ bool BufferHeapPool::isPoolNeedRelease(int32_t& needRelease) {
         // The pending decrease is consumed by this call; the worker carries it out through the
         // target count.
         mNeedDecreaseMaxBuffer = 0;
+        mDecreasePending.store(false, std::memory_order_release);
         MY_LOGD_IF(mLogLevel >= 1, "[%s] reset mNeedDecreaseMaxBuffer = %d -> %d",
                    mPoolName.c_str(), need, 0);
     }

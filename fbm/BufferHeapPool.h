@@ -77,12 +77,15 @@ private:
     int32_t mMinInitBuffer = 0;
     int32_t mTargetMaxBuffer GUARDED_BY(mCountLock) = 0;
     int32_t mNeedDecreaseMaxBuffer GUARDED_BY(mCountLock) = 0;
+    // Whether a decrease is pending, written with mNeedDecreaseMaxBuffer: the acquire path asks
+    // on every buffer and need not take mCountLock for the usual answer, no.
+    std::atomic<bool> mDecreasePending{false};
     // The worker's future. Written once (by the first updateBufferCount, on the configuring
     // thread) before any other thread can see the pool sized; then only read.
     std::vector<std::future<int32_t>> mUpdateFutures;
-    std::condition_variable mAvailableCond;  // a heap came back to mAvailableBuf; with mAvailableLock
+    Condition mAvailableCond;  // a heap came back to mAvailableBuf; with mAvailableLock
     mutable Mutex mCountLock;
-    std::condition_variable mUpdateCond;  // the target changed, or exit; with mCountLock
+    Condition mUpdateCond;  // the target changed, or exit; with mCountLock
 };
 
 }  // namespace NSCam::v3::pipeline

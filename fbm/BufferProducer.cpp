@@ -186,37 +186,81 @@ int32_t BufferProducer::acquireFromPool(char const* /*name*/, SbPtr& out, int64_
                 break;
             }
         }
-        MutexLocker lk(mHeapPoolLock);
-        if (mHeapPoolCond.wait_for(lk.std(), kWaitSlice) == std::cv_status::timeout) {
+        LockGuard<Mutex> lk(mHeapPoolLock);
+        if (!mHeapPoolCond.waitFor(mHeapPoolLock, kWaitSlice)) {
             MY_LOGD_IF(mLogLevel >= 1, "%s: retry(#%d) every 10ms", toString().c_str(), retry);
             ++retry;
         }
     }
 
-    SbPtr sb = Utils::makeHalImageStreamBuffer({mStreamInfo, heap, shared_from_this(), nullptr});
+    SbPtr sb;
+    {
+        Utils::MakeHalImageStreamBuffer arg{mStreamInfo, heap, shared_from_this(), nullptr};
+        sb = Utils::makeHalImageStreamBuffer(arg);
+    }
     out = sb;
     if (!sb) {
         // The heap stays counted as in use in the heap pool, deliberately.
         MY_LOGE("cannot new HalImageStreamBuffer. Something wrong...");
         return -ENOMEM;
     }
+    void const* const rawSb = sb.get();
+    void const* const rawHeap = heap.get();
     size_t refCnt;
     {
         LockGuard<Mutex> lk(mMapLock);
-        if (!mSbToHeap.emplace(sb, heap).second) {
-            MY_FATAL("SB(%p) already exist, leak happend... Heap(%p)", sb.get(), heap.get());
+        if (!trackLocked(std::move(sb), std::move(heap), refCnt)) {
+            MY_FATAL("SB(%p) already exist, leak happend... Heap(%p)", rawSb, rawHeap);
         }
-        auto& sbs = mHeapToSbs[heap];
-        sbs.insert(sb);
-        refCnt = sbs.size();
     }
-    MY_LOGD_IF(mLogLevel >= 2, "acquire - buffer:%p pHeap:%p (ref_cnt:%zu)", sb.get(), heap.get(),
-               refCnt);
+    MY_LOGD_IF(mLogLevel >= 2, "acquire - buffer:%p pHeap:%p (ref_cnt:%zu)", rawSb, rawHeap, refCnt);
     if (mLogLevel > 2) {
         MY_LOGI("dump current in-use heaps and stream buffers");
         dump();
     }
     return 0;
+}
+
+template <class Node>
+void BufferProducer::keepNode(std::vector<Node>& cache, Node&& node) {
+    constexpr size_t kKept = 16;
+    if (cache.size() < kKept) cache.push_back(std::move(node));
+}
+
+bool BufferProducer::trackLocked(SbPtr sb, HeapPtr heap, size_t& refCnt) {
+    std::map<SbPtr, HeapPtr>::iterator sbIt;
+    if (mFreeSbNodes.empty()) {
+        auto r = mSbToHeap.emplace(sb, heap);
+        if (!r.second) return false;
+    } else {
+        auto node = std::move(mFreeSbNodes.back());
+        mFreeSbNodes.pop_back();
+        node.key() = sb;
+        node.mapped() = heap;
+        auto r = mSbToHeap.insert(std::move(node));
+        if (!r.inserted) return false;
+    }
+    auto heapIt = mHeapToSbs.find(heap);
+    if (heapIt == mHeapToSbs.end()) {
+        if (mFreeHeapNodes.empty()) {
+            heapIt = mHeapToSbs.emplace(std::move(heap), std::set<SbPtr>()).first;
+        } else {
+            auto node = std::move(mFreeHeapNodes.back());
+            mFreeHeapNodes.pop_back();
+            node.key() = std::move(heap);
+            heapIt = mHeapToSbs.insert(std::move(node)).position;
+        }
+    }
+    if (mFreeSetNodes.empty()) {
+        heapIt->second.insert(std::move(sb));
+    } else {
+        auto node = std::move(mFreeSetNodes.back());
+        mFreeSetNodes.pop_back();
+        node.value() = std::move(sb);
+        heapIt->second.insert(std::move(node));
+    }
+    refCnt = heapIt->second.size();
+    return true;
 }
 
 int32_t BufferProducer::releaseToPool(char const* /*name*/, SbPtr buffer) {
@@ -228,15 +272,24 @@ int32_t BufferProducer::releaseToPool(char const* /*name*/, SbPtr buffer) {
         if (it == mSbToHeap.end()) {
             MY_FATAL("%s: SB(%p) not found!", toString().c_str(), buffer.get());
         }
-        heap = std::move(it->second);
-        mSbToHeap.erase(it);
+        auto sbNode = mSbToHeap.extract(it);
+        heap = std::move(sbNode.mapped());
+        sbNode.key().reset();  // the caller still holds the buffer
+        keepNode(mFreeSbNodes, std::move(sbNode));
         auto hit = mHeapToSbs.find(heap);
         if (hit == mHeapToSbs.end()) {
             MY_FATAL("%s: Heap(%p) not found!", toString().c_str(), heap.get());
         }
-        hit->second.erase(buffer);
+        if (auto setNode = hit->second.extract(buffer)) {
+            setNode.value().reset();
+            keepNode(mFreeSetNodes, std::move(setNode));
+        }
         refCnt = hit->second.size();
-        if (refCnt == 0) mHeapToSbs.erase(hit);
+        if (refCnt == 0) {
+            auto heapNode = mHeapToSbs.extract(hit);
+            heapNode.key().reset();  // `heap` still holds it
+            keepNode(mFreeHeapNodes, std::move(heapNode));
+        }
     }
     uint32_t const status = buffer->statusOf();
     MY_LOGD_IF((status & 1) || mLogLevel >= 2, "release - SB:%p status:%#x Heap:%p (ref_cnt:%zu)",
@@ -253,7 +306,7 @@ int32_t BufferProducer::releaseToPool(char const* /*name*/, SbPtr buffer) {
         return -EINVAL;
     }
     mHeapPool->releaseToPool(mStreamInfo->streamName(), std::move(heap));
-    mHeapPoolCond.notify_one();
+    mHeapPoolCond.notifyOne();
     return 0;
 }
 
@@ -272,12 +325,9 @@ BufferProducer::SbPtr BufferProducer::shareSB(SbPtr const& source) {
         }
         heap = it->second;
         sb = Utils::makeHalImageStreamBuffer({mStreamInfo, heap, shared_from_this(), nullptr});
-        if (!mSbToHeap.emplace(sb, heap).second) {
+        if (!trackLocked(sb, heap, refCnt)) {
             MY_FATAL("SB(%p) already exist, leak happend... Heap(%p)", sb.get(), heap.get());
         }
-        auto& sbs = mHeapToSbs[heap];
-        sbs.insert(sb);
-        refCnt = sbs.size();
         MY_LOGD_IF(mLogLevel >= 2, "%s: Heap(%p) sourceSb(%p) targetSb(%p) (ref_cnt:%zu)",
                    toString().c_str(), heap.get(), source.get(), sb.get(), refCnt);
     }

@@ -20,6 +20,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <vexlor/StreamBuffer.h>
 #include <vexlor/ThreadAnnotations.h>
@@ -77,11 +78,15 @@ public:
 private:
     int32_t allocatePoolBuffersLocked(HeapAllocator& allocator) REQUIRES(mHeapPoolLock);
     std::shared_ptr<BufferHeapPool> heapPool() const EXCLUDES(mHeapPoolLock);
+    // Tracks `sb` over `heap`; false when `sb` is already tracked.
+    bool trackLocked(SbPtr sb, HeapPtr heap, size_t& refCnt) REQUIRES(mMapLock);
+    template <class Node>
+    static void keepNode(std::vector<Node>& cache, Node&& node);
 
     int32_t mLogLevel;
     std::string mName;
     mutable Mutex mHeapPoolLock;
-    std::condition_variable mHeapPoolCond;  // a heap of ours went back; with mHeapPoolLock
+    Condition mHeapPoolCond;  // a heap of ours went back; with mHeapPoolLock
     std::shared_ptr<IImageStreamInfo> mStreamInfo;
     // Written by construction, initProducer and setBufferHeapPool (configuring thread, under the
     // lock); poolName and dumpPool read it without the lock, as they must stay cheap.
@@ -93,6 +98,11 @@ private:
     std::map<SbPtr, HeapPtr> mSbToHeap GUARDED_BY(mMapLock);
     std::map<HeapPtr, std::set<SbPtr>> mHeapToSbs GUARDED_BY(mMapLock);  // set size: "ref_cnt"
     ReleaseCallback mReleaseCallback;
+    // Emptied nodes of the maps, kept for the next acquire: a steady acquire and release cycle
+    // then allocates nothing here. Members added after the declared ones; guarded by mMapLock.
+    std::vector<std::map<SbPtr, HeapPtr>::node_type> mFreeSbNodes GUARDED_BY(mMapLock);
+    std::vector<std::map<HeapPtr, std::set<SbPtr>>::node_type> mFreeHeapNodes GUARDED_BY(mMapLock);
+    std::vector<std::set<SbPtr>::node_type> mFreeSetNodes GUARDED_BY(mMapLock);
 };
 
 }  // namespace NSCam::v3::pipeline

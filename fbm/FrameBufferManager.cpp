@@ -700,8 +700,10 @@ int FrameBufferManagerImpl::requestStreamBuffer(ImageStreamBufferCallback callba
             break;
     }
 
-    // A pooled buffer always carries the stream info of the request that took it.
-    if ((source == Source::Pool || source == Source::HalProvider) && buffer &&
+    // A pooled buffer always carries the stream info of the request that took it. One from the
+    // pool was made with the stream's own info: when that is the request's, there is nothing to do.
+    bool const ownInfo = source == Source::Pool && reqInfo.get() == config->info.get();
+    if ((source == Source::Pool || source == Source::HalProvider) && buffer && !ownInfo &&
         buffer->streamInfoOf().get() != reqInfo.get()) {
         buffer->setStreamInfo(reqInfo);
     }

@@ -27,6 +27,9 @@ cmake -S examples/consumer -B build/consumer -G Ninja -DCMAKE_PREFIX_PATH="$PWD/
 cmake --build build/consumer -j "$jobs"
 ./build/consumer/fbm-consumer
 
+step "long simulator run: memory stays flat, nothing lost"
+./build/default/tools/fbm-sim --no-progress -n 100000 | grep -E 'frames/s|memory:|leak check:'
+
 step "thread-safety analysis (clang)"
 cmake --preset clang-tsa >/dev/null
 cmake --build --preset clang-tsa -j "$jobs"

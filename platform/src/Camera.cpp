@@ -6,6 +6,7 @@
 #include <vexlor/ImageBufferHeap.h>
 #include <vexlor/StreamBuffer.h>
 #include <vexlor/StreamInfo.h>
+#include <vexlor/ThreadAnnotations.h>
 
 #include <algorithm>
 #include <atomic>
@@ -238,37 +239,43 @@ class HostImageStreamBuffer : public IImageStreamBuffer,
                               public std::enable_shared_from_this<HostImageStreamBuffer> {
 public:
     explicit HostImageStreamBuffer(Utils::MakeHalImageStreamBuffer const& arg)
-        : mInfo(arg.streamInfo), mHeap(arg.heap), mPool(arg.pool),
-          mName(std::string(arg.streamInfo ? arg.streamInfo->streamName() : "") + "#" +
-                std::to_string(++gBufferSeq)),
-          mStatus(gImageStatus.load()) {
-        ++gImageAlive;
+        : mInfo(arg.streamInfo), mHeap(arg.heap), mPool(arg.pool), mStatus(gImageStatus.load(std::memory_order_relaxed)) {
+        gImageAlive.fetch_add(1, std::memory_order_relaxed);
     }
-    ~HostImageStreamBuffer() override { --gImageAlive; }
+    ~HostImageStreamBuffer() override { gImageAlive.fetch_sub(1, std::memory_order_relaxed); }
 
     std::shared_ptr<IImageStreamInfo const> streamInfoOf() const override {
-        std::lock_guard<std::mutex> lk(mLock);
+        NSCam::LockGuard<NSCam::Mutex> lk(mLock);
         return mInfo;
     }
     void setStreamInfo(std::shared_ptr<IImageStreamInfo const> const& info) override {
-        std::lock_guard<std::mutex> lk(mLock);
+        NSCam::LockGuard<NSCam::Mutex> lk(mLock);
         mInfo = info;
     }
-    char const* bufferName() const override { return mName.c_str(); }
+    // Made on first use: only log lines ask for it.
+    char const* bufferName() const override {
+        std::call_once(mNameOnce, [this] {
+            mName = std::string(streamInfoOf() ? streamInfoOf()->streamName() : "") + "#" +
+                    std::to_string(++gBufferSeq);
+        });
+        return mName.c_str();
+    }
     uint32_t statusOf() const override { return mStatus; }
     std::shared_ptr<nivo::IImageBufferHeap> imageBufferHeap() const override { return mHeap; }
     void releaseToOwner() override {
-        ++gReleaseToOwnerCalls;
+        gReleaseToOwnerCalls.fetch_add(1, std::memory_order_relaxed);
         if (mReleased.exchange(true)) return;
-        if (auto pool = mPool) pool->releaseToPool(mName.c_str(), shared_from_this());
+        // The caller holds this buffer, and the buffer its pool, for the length of the call.
+        if (mPool) mPool->releaseToPool("releaseToOwner", shared_from_this());
     }
 
 private:
-    mutable std::mutex mLock;
+    mutable NSCam::Mutex mLock;
     std::shared_ptr<IImageStreamInfo const> mInfo;
     std::shared_ptr<nivo::IImageBufferHeap> mHeap;
     std::shared_ptr<IImageStreamBufferPool> mPool;  // a pooled buffer keeps its pool alive
-    std::string mName;
+    mutable std::once_flag mNameOnce;
+    mutable std::string mName;
     uint32_t mStatus;
     std::atomic<bool> mReleased{false};
 };

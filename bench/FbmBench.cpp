@@ -1,0 +1,241 @@
+// Benchmarks of the frame buffer manager's frame path. Each case says what a user would feel.
+#define LOG_TAG "vexlor-ppl_fbm"
+#define LOG_SRC_PATH "pipeline/pipeline/fbm/FrameBufferManager"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <new>
+#include <thread>
+#include <vector>
+
+#include <vexlor/HostSeams.h>
+#include <vexlor/LogScheme.h>
+
+#include "BenchSupport.h"
+#include "FrameBufferManager.h"
+
+namespace {
+
+using namespace NSCam::v3;
+using namespace NSCam::v3::pipeline;
+namespace host = vexlor::host;
+using SbPtr = std::shared_ptr<IImageStreamBuffer>;
+using MetaPtr = std::shared_ptr<IMetaStreamBuffer>;
+
+std::shared_ptr<IImageStreamInfo> image(StreamId_T id, size_t max) {
+    Utils::ImageStreamInfoParams p;
+    p.name = "s";
+    p.name += std::to_string(id);
+    p.id = id;
+    p.format = 0x32315659;
+    p.size = {1920, 1080};
+    p.planes.count = 2;
+    p.planes.planes[0] = {1920 * 1080, 1920};
+    p.planes.planes[1] = {1920 * 540, 1920};
+    p.maxBufNum = max;
+    p.minInitBufNum = 1;
+    return Utils::makeImageStreamInfo(p);
+}
+
+void quietPlatform() {
+    host::setULogSwitches(2, 0, 0);
+    host::LogCapture::setCapturing(false);
+    host::DebuggeeRegistry::setPresent(false);
+}
+
+// A configured manager with `streams` pooled image streams and two metadata streams.
+struct Fixture {
+    std::shared_ptr<FrameBufferManagerImpl> m;
+    std::shared_ptr<IPipelineFrameStreamBufferProvider> provider;
+    std::shared_ptr<IPipelineFrameHalResultProcessor> processor;
+    std::vector<std::shared_ptr<IImageStreamInfo>> images;
+    std::shared_ptr<IMetaStreamInfo> halMeta = Utils::makeMetaStreamInfo("halMeta", 0x100);
+    std::shared_ptr<IMetaStreamInfo> appMeta = Utils::makeMetaStreamInfo("appMeta", 0x101);
+
+    explicit Fixture(int streams, int heaps = 7) {
+        quietPlatform();
+        m = std::make_shared<FrameBufferManagerImpl>("bench");
+        m->initialize(m);
+        provider = m->getPipelineFrameBufferProvider();
+        processor = m->getPipelineFrameResultProcessor();
+        IFrameBufferManager::ConfigureStreams cfg;
+        for (int i = 0; i < streams; ++i) {
+            images.push_back(image(i + 1, 7));
+            cfg.imageStreams.push_back({images.back(), eHAL_IMAGE_POOL, nullptr});
+        }
+        cfg.metaStreams = {{halMeta, eHAL_META}, {appMeta, eAPP_META}};
+        m->configureStreams(cfg);
+        for (int i = 0; i < streams; ++i) {
+            int max = i == 0 ? heaps : 7;
+            if (max != 7) m->updateBufferPoolMaxBufCount(i + 1, max);
+            waitFilled(i + 1, max);
+        }
+    }
+    void waitFilled(StreamId_T id, int n) {
+        host::HeapFactory::waitFor([&](int64_t, int64_t) {
+            int max = 0, allocated = 0;
+            m->getBufferPoolMaxBufCount(id, max, allocated);
+            return allocated == n;
+        });
+    }
+    SbPtr request(int stream, uint32_t frame) {
+        SbPtr got;
+        provider->requestStreamBuffer([&got](SbPtr const& sb) { got = sb; }, {frame, frame, images[stream]});
+        return got;
+    }
+    MetaPtr meta(std::shared_ptr<IMetaStreamInfo> const& info, uint32_t frame) {
+        NSCam::IMetadata md;
+        md.update(1, frame);
+        return Utils::makeHalMetaStreamBuffer({info, &md});
+    }
+    // One frame keeping `keptImages` images (streams 0..) and both metadata streams, with results in
+    // two batches; the set joins the ready list at its back.
+    void frame(uint32_t f, int streams, int keptImages) {
+        auto params = std::make_shared<TrackFrameResultParams>();
+        for (int i = 0; i < keptImages; ++i) params->halImage.insert(i + 1);
+        params->halMeta = {0x100};
+        params->appMeta = {0x101};
+        params->isRecyclable = true;
+        m->trackFrameResult({f, f, params});
+        std::vector<SbPtr> out, toRelease;
+        out.reserve(streams);
+        for (int s = 0; s < streams; ++s) out.push_back(request(s, f));
+        toRelease = out;
+        std::vector<MetaPtr> none, hal{meta(halMeta, f)}, app{meta(appMeta, f)};
+        IPipelineFrameHalResultProcessor::ReturnResult images{f, f, 1000 + int64_t(f), false, &toRelease, &out,
+                                                              nullptr, nullptr};
+        processor->returnResult(images);
+        IPipelineFrameHalResultProcessor::ReturnResult metas{f, f, 0, false, nullptr, nullptr, &hal, &app};
+        processor->returnResult(metas);
+    }
+};
+
+// 1. One pooled stream buffer, requested and released on one thread. What a pipeline pays per
+//    buffer of every stream of every frame.
+void BM_Manager_AcquireRelease(benchmark::State& state) {
+    Fixture fx(1);
+    uint32_t f = 0;
+    for (auto _ : state) {
+        SbPtr sb = fx.request(0, ++f);
+        sb->releaseToOwner();
+    }
+}
+BENCHMARK(BM_Manager_AcquireRelease);
+
+// 2. The same with the release on another thread, as results come back on their own threads.
+void BM_Manager_AcquireReleasePipelined(benchmark::State& state) {
+    Fixture fx(1);
+    fbmbench::SpscRing<SbPtr, 4> ring;  // fewer in flight than the pool has heaps: never starves
+    std::atomic<bool> stop{false};
+    std::thread releaser([&] {
+        SbPtr sb;
+        while (!stop.load(std::memory_order_relaxed)) {
+            if (ring.pop(sb)) {
+                sb->releaseToOwner();
+                sb.reset();
+            } else {
+                std::this_thread::yield();
+            }
+        }
+        while (ring.pop(sb)) sb->releaseToOwner();
+    });
+    uint32_t f = 0;
+    for (auto _ : state) ring.pushWait(fx.request(0, ++f));
+    stop = true;
+    releaser.join();
+}
+BENCHMARK(BM_Manager_AcquireReleasePipelined)->UseRealTime();
+
+// 3. One whole frame: requests on N pooled streams, two images and both metadata streams kept,
+//    results in two batches, the set joins the ready list and the oldest set is released. What
+//    the manager adds to every frame, with a short or a long history.
+void BM_Manager_Frame(benchmark::State& state) {
+    int const streams = static_cast<int>(state.range(0));
+    int const history = static_cast<int>(state.range(1));
+    Fixture fx(streams, history + 8);
+    uint32_t f = 0;
+    for (; f < static_cast<uint32_t>(history); ++f) fx.frame(f, 1, 1);  // sets on the ready list
+    int const kept = std::min(streams, 2);
+    uint64_t const a0 = fbmbench::allocations();
+    for (auto _ : state) {
+        fx.frame(f++, streams, kept);
+        fx.m->tryReleaseHistoryBufferSets(1, 1, false);  // the oldest set holds an image of stream 1
+    }
+    state.counters["allocs/frame"] =
+        static_cast<double>(fbmbench::allocations() - a0) / static_cast<double>(state.iterations());
+}
+BENCHMARK(BM_Manager_Frame)->ArgsProduct({{1, 4, 8}, {10}})->ArgsProduct({{4}, {100, 1000}});
+
+// 4. A starving pool fed by releasing history sets: the time from request to buffer in hand when
+//    every heap is kept by a set on the ready list. A pool that can be fed must not wait.
+void BM_Manager_StarvingRequest(benchmark::State& state) {
+    Fixture fx(1, 4);
+    uint32_t f = 0;
+    for (; f < 4; ++f) fx.frame(f, 1, 1);  // every heap kept
+    std::vector<double> ns;
+    ns.reserve(1 << 20);
+    for (auto _ : state) {
+        auto const t0 = std::chrono::steady_clock::now();
+        SbPtr sb = fx.request(0, f);
+        auto const t1 = std::chrono::steady_clock::now();
+        ns.push_back(std::chrono::duration<double, std::nano>(t1 - t0).count());
+        state.SetIterationTime(std::chrono::duration<double>(t1 - t0).count());
+        // Keep it as the next frame's history, so the pool stays starved.
+        auto params = std::make_shared<TrackFrameResultParams>();
+        params->halImage = {1};
+        params->isRecyclable = true;
+        fx.m->trackFrameResult({f, f, params});
+        std::vector<SbPtr> out{sb}, toRelease{sb};
+        sb.reset();
+        IPipelineFrameHalResultProcessor::ReturnResult r{f, f, 1000 + int64_t(f), false, &toRelease, &out,
+                                                         nullptr, nullptr};
+        fx.processor->returnResult(r);
+        ++f;
+    }
+    std::sort(ns.begin(), ns.end());
+    if (!ns.empty()) {
+        state.counters["median_ns"] = ns[ns.size() / 2];
+        state.counters["p99_ns"] = ns[std::min(ns.size() - 1, ns.size() * 99 / 100)];
+    }
+}
+BENCHMARK(BM_Manager_StarvingRequest)->UseManualTime();
+
+// 5. A debug log site whose object level is too low, and one gated off by the global switches:
+//    what logging costs the frame path when nobody is looking.
+void BM_Log_ObjectLevelTooLow(benchmark::State& state) {
+    quietPlatform();
+    int volatile level = 0;
+    for (auto _ : state) {
+        MY_LOGD_IF(level >= 2, "frame %d", 1);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_Log_ObjectLevelTooLow);
+
+void BM_Log_GlobalSwitchOff(benchmark::State& state) {
+    quietPlatform();
+    for (auto _ : state) {
+        MY_LOGD("frame %d", 1);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_Log_GlobalSwitchOff);
+
+// 6. A selection: the selector takes the ready list and gives every set back kept.
+void BM_Manager_SelectReturnAll(benchmark::State& state) {
+    Fixture fx(1, static_cast<int>(state.range(0)) + 8);
+    uint32_t f = 0;
+    for (; f < state.range(0); ++f) fx.frame(f, 1, 1);
+    for (auto _ : state) {
+        auto sets = fx.m->beginSelect();
+        for (auto& s : sets) fx.m->returnUnselectedSet({s, true});
+        fx.m->endSelect();
+    }
+}
+BENCHMARK(BM_Manager_SelectReturnAll)->Arg(4)->Arg(64);
+
+}  // namespace
+
+BENCHMARK_MAIN();
