@@ -90,25 +90,42 @@ struct Fixture {
         md.update(1, frame);
         return Utils::makeHalMetaStreamBuffer({info, &md});
     }
+    // Allocations of one frame by phase: what the pipeline makes (parameters, lists, metadata)
+    // and what the manager does with it.
+    struct Allocs {
+        uint64_t pipeline = 0, track = 0, requests = 0, results = 0;
+    };
     // One frame keeping `keptImages` images (streams 0..) and both metadata streams, with results in
     // two batches; the set joins the ready list at its back.
-    void frame(uint32_t f, int streams, int keptImages) {
+    void frame(uint32_t f, int streams, int keptImages, Allocs* allocs = nullptr) {
+        uint64_t a = fbmbench::allocations();
+        auto mark = [&](uint64_t Allocs::*field) {
+            uint64_t const now = fbmbench::allocations();
+            if (allocs) allocs->*field += now - a;
+            a = now;
+        };
         auto params = std::make_shared<TrackFrameResultParams>();
         for (int i = 0; i < keptImages; ++i) params->halImage.insert(i + 1);
         params->halMeta = {0x100};
         params->appMeta = {0x101};
         params->isRecyclable = true;
+        mark(&Allocs::pipeline);
         m->trackFrameResult({f, f, params});
+        mark(&Allocs::track);
         std::vector<SbPtr> out, toRelease;
         out.reserve(streams);
+        mark(&Allocs::pipeline);
         for (int s = 0; s < streams; ++s) out.push_back(request(s, f));
+        mark(&Allocs::requests);
         toRelease = out;
         std::vector<MetaPtr> none, hal{meta(halMeta, f)}, app{meta(appMeta, f)};
+        mark(&Allocs::pipeline);
         IPipelineFrameHalResultProcessor::ReturnResult images{f, f, 1000 + int64_t(f), false, &toRelease, &out,
                                                               nullptr, nullptr};
         processor->returnResult(images);
         IPipelineFrameHalResultProcessor::ReturnResult metas{f, f, 0, false, nullptr, nullptr, &hal, &app};
         processor->returnResult(metas);
+        mark(&Allocs::results);
     }
 };
 
@@ -158,13 +175,21 @@ void BM_Manager_Frame(benchmark::State& state) {
     uint32_t f = 0;
     for (; f < static_cast<uint32_t>(history); ++f) fx.frame(f, 1, 1);  // sets on the ready list
     int const kept = std::min(streams, 2);
-    uint64_t const a0 = fbmbench::allocations();
+    Fixture::Allocs allocs;
+    uint64_t release = 0;
     for (auto _ : state) {
-        fx.frame(f++, streams, kept);
+        fx.frame(f++, streams, kept, &allocs);
+        uint64_t const a = fbmbench::allocations();
         fx.m->tryReleaseHistoryBufferSets(1, 1, false);  // the oldest set holds an image of stream 1
+        release += fbmbench::allocations() - a;
     }
-    state.counters["allocs/frame"] =
-        static_cast<double>(fbmbench::allocations() - a0) / static_cast<double>(state.iterations());
+    double const n = static_cast<double>(state.iterations());
+    state.counters["allocs/frame"] = (allocs.pipeline + allocs.track + allocs.requests + allocs.results + release) / n;
+    state.counters["by pipeline"] = allocs.pipeline / n;
+    state.counters["track"] = allocs.track / n;
+    state.counters["requests"] = allocs.requests / n;
+    state.counters["results"] = allocs.results / n;
+    state.counters["release"] = release / n;
 }
 BENCHMARK(BM_Manager_Frame)->ArgsProduct({{1, 4, 8}, {10}})->ArgsProduct({{4}, {100, 1000}});
 

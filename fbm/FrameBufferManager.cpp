@@ -369,6 +369,15 @@ std::set<StreamId_T> FrameBufferManagerImpl::getPoolStreams(StreamId_T streamId)
     return {streamId};
 }
 
+StreamId_T FrameBufferManagerImpl::poolKeyOf(StreamId_T streamId) const {
+    if (auto const& groups = mSharedStreamGroups) {
+        for (auto const& group : *groups) {
+            if (group.count(streamId) != 0) return *group.begin();
+        }
+    }
+    return streamId;
+}
+
 // =================================================================================================
 // Pool set-up
 // =================================================================================================
@@ -765,8 +774,10 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
                  "]TS:" + std::to_string(result.timestamp) + " " +
                  (result.isFrameDestroyed ? "X" : " ");
     }
-    auto note = [&line](char const* name, char const* mark) {
-        if (line && name != nullptr) *line += std::string(" ") + name + mark;
+    // Names are asked for only when the line is being built.
+    auto note = [&line](auto const& buffer, char const* mark) {
+        if (!line) return;
+        if (char const* name = buffer->bufferName()) *line += std::string(" ") + name + mark;
     };
 
     bool complete = false;
@@ -783,7 +794,7 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
                 auto& list = *result.halImage;
                 for (auto b = list.begin(); b != list.end();) {
                     if (*b && track.halImage.count((*b)->streamInfoOf()->streamId()) != 0) {
-                        note((*b)->bufferName(), "(O) ");
+                        note(*b, "(O) ");
                         addSharedImage(std::move(*b), set.halImage);
                         --set.remaining;
                         b = list.erase(b);
@@ -798,7 +809,7 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
                 if (list == nullptr) return;
                 for (auto b = list->begin(); b != list->end();) {
                     if (*b && tracked.count((*b)->streamInfoOf()->streamId()) != 0) {
-                        note((*b)->bufferName(), "(O) ");
+                        note(*b, "(O) ");
                         addCopiedMeta(std::move(*b), out);
                         --set.remaining;
                         b = list->erase(b);
@@ -831,7 +842,7 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
     if (result.halImageToRelease != nullptr) {
         for (auto& b : *result.halImageToRelease) {
             if (!b) continue;
-            note(b->bufferName(), "(X) ");
+            note(b, "(X) ");
             releaseBuffer(b);
         }
         result.halImageToRelease->clear();
@@ -840,7 +851,7 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
         if (list == nullptr) continue;
         for (auto& b : *list) {
             if (!b) continue;
-            note(b->bufferName(), "(X) ");
+            note(b, "(X) ");
             b.reset();  // untracked metadata is only dropped here
         }
         list->clear();
@@ -886,8 +897,7 @@ void FrameBufferManagerImpl::increaseReadyCounters(HistoryBufferSet const& set, 
             MY_LOGE_AS("operator()", "pStreamInfo == nullptr");
             continue;
         }
-        StreamId_T const key = *getPoolStreams(info->streamId()).begin();
-        mReadyStreamCounters[key] += delta;
+        mReadyStreamCounters[poolKeyOf(info->streamId())] += delta;
     }
 }
 

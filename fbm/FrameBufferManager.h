@@ -163,6 +163,9 @@ public:
         EXCLUDES(mConfigLock);
     // The streams that share the pool of `streamId` (itself included), ascending.
     std::set<StreamId_T> getPoolStreams(StreamId_T streamId) const;
+    // The first of getPoolStreams(streamId), without making the set: the key of the ready
+    // counters, looked up for every kept image.
+    StreamId_T poolKeyOf(StreamId_T streamId) const;
     int configureImageStreams(std::vector<AddImageStream> const& streams,
                               std::vector<std::set<StreamId_T>> const* sharedGroups);
     int addImageStreams(AddImageStreams const& group);

@@ -108,7 +108,7 @@ private:
     friend class Condition;
     // States: 0 free, 1 held, 2 held and somebody may sleep on it.
     void lockSlow() {
-        for (int spin = 0; spin < 128; ++spin) {
+        for (int spin = 0; spin < 64; ++spin) {
             detail::cpuRelax();
             uint32_t expected = 0;
             if (mState.load(std::memory_order_relaxed) == 0 &&
