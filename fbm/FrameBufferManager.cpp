@@ -53,13 +53,10 @@ public:
     }
     void printFormatLine(char const* format, ...) override __attribute__((format(printf, 2, 3))) {
         char buf[1024];
-        std::memset(buf, 0, sizeof buf);
         va_list ap;
         va_start(ap, format);
-        int n = std::vsnprintf(buf, sizeof buf, format, ap);
+        formatLine(buf, format, ap);
         va_end(ap);
-        if (n < 0) buf[0] = '\0';
-        buf[sizeof buf - 1] = '\0';
         ULogPrinter::printLine(buf);
         keep(buf);
     }

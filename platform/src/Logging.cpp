@@ -188,16 +188,19 @@ void ULogPrinter::printLine(char const* line) {
     write(line);
 }
 
+void ULogPrinter::formatLine(char (&line)[1024], char const* format, va_list args) {
+    std::memset(line, 0, sizeof line);
+    if (std::vsnprintf(line, sizeof line, format, args) < 0) line[0] = '\0';
+    line[sizeof line - 1] = '\0';
+}
+
 void ULogPrinter::printFormatLine(char const* format, ...) {
     if (!gateOpen()) return;
     char buf[1024];
-    std::memset(buf, 0, sizeof buf);
     va_list ap;
     va_start(ap, format);
-    int n = std::vsnprintf(buf, sizeof buf, format, ap);
+    formatLine(buf, format, ap);
     va_end(ap);
-    if (n < 0) buf[0] = '\0';
-    buf[sizeof buf - 1] = '\0';
     write(buf);
 }
 

@@ -5,6 +5,7 @@
 #include <vexlor/IPrinter.h>
 
 #include <atomic>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 
@@ -63,9 +64,11 @@ public:
     void printFormatLine(char const* format, ...) override __attribute__((format(printf, 2, 3)));
 
 protected:
-    // Steps shared with printers that extend this one: the level and module gate, then the sinks.
+    // Steps shared with printers that extend this one: the level and module gate, the sinks, and
+    // formatting into a cleared 1024-byte line (the empty text when formatting fails).
     bool gateOpen() const;
     void write(char const* text);
+    static void formatLine(char (&line)[1024], char const* format, va_list args);
 
 private:
 
