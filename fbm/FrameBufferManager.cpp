@@ -609,6 +609,10 @@ std::shared_ptr<BufferProducer> FrameBufferManagerImpl::createHalStreamBufferPoo
 int FrameBufferManagerImpl::requestStreamBuffer(ImageStreamBufferCallback callback,
                                                 RequestStreamBuffer const& request) {
     auto const& reqInfo = request.pStreamInfo;
+    if (!reqInfo) {
+        MY_LOGE("[requestNo:%u frameNo:%u] no stream info", request.requestNo, request.frameNo);
+        return -EINVAL;
+    }
     auto config = queryConfigImageStream(reqInfo->streamId());
     if (!config) return -EINVAL;
 

@@ -75,9 +75,11 @@ TEST_F(RequestTest, PooledBufferTakesTheRequestsInfoOrFallsBackOnALayoutChange) 
 
 TEST_F(RequestTest, ErrorsOfEachSource) {
     configure();
-    // Not configured.
+    // Not configured, or no stream at all.
     auto stranger = imageInfo({.id = 0x99, .name = "stranger"});
     EXPECT_EQ(request(0x99, 1, stranger).first, -EINVAL);
+    EXPECT_EQ(mProvider->requestStreamBuffer([](SbPtr const&) {}, {5, 6, nullptr}), -EINVAL);
+    EXPECT_EQ(androidCount("[requestStreamBuffer] [requestNo:5 frameNo:6] no stream info"), 1u);
     // Provider failure: its code, and the error line.
     mHalProvider->failWith = -ENODEV;
     auto [err, sb] = request(kHalProv, 1);
