@@ -47,7 +47,7 @@ protected:
         host::HeapFactory::failNext(0);
         host::HeapFactory::setCreateHook(nullptr);
     }
-    // Lines of the Android sink with `tag` that contain `text`.
+    // How many captured lines of each sink contain `text`.
     static size_t androidCount(std::string const& text) { return host::LogCapture::countAndroid(text); }
     static size_t ulogCount(std::string const& text) { return host::LogCapture::countULog(text); }
     static bool waitHeaps(std::function<bool(int64_t created, int64_t alive)> const& pred) {
