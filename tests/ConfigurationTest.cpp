@@ -6,7 +6,16 @@
 namespace fbmtest {
 namespace {
 
-class ConfigurationTest : public PlatformTest {};
+class ConfigurationTest : public PlatformTest {
+protected:
+    // A configuration whose only sharing group names a stream nobody configured: one warning.
+    static IFrameBufferManager::ConfigureStreams unknownGroup(StreamId_T id) {
+        IFrameBufferManager::ConfigureStreams cfg;
+        cfg.sharedGroups = std::make_shared<std::vector<std::set<StreamId_T>>>(
+            std::vector<std::set<StreamId_T>>{{id}});
+        return cfg;
+    }
+};
 
 TEST_F(ConfigurationTest, AttributeTexts) {
     EXPECT_EQ(toString(StreamAttribute(0)), "[IMAGE-HAL-USER    ]");
@@ -72,15 +81,11 @@ TEST_F(ConfigurationTest, UnknownStreamIsAWarningAndNoRecord) {
 TEST_F(ConfigurationTest, WarningsOfEveryConfigurationAreKeptAndDumped) {
     host::setULogSwitches(3, 0x207000, 1);
     auto m = makeManager();
-    IFrameBufferManager::ConfigureStreams cfg;
-    cfg.sharedGroups = std::make_shared<std::vector<std::set<StreamId_T>>>(
-        std::vector<std::set<StreamId_T>>{{0x42}});
     m->beginConfigure();
-    ASSERT_EQ(m->configureStreams(cfg), 0);
+    ASSERT_EQ(m->configureStreams(unknownGroup(0x42)), 0);
     m->endConfigure();
     // A second configuration, this time without beginConfigure: still logged and kept.
-    cfg.sharedGroups->front() = {0x43};
-    ASSERT_EQ(m->configureStreams(cfg), 0);
+    ASSERT_EQ(m->configureStreams(unknownGroup(0x43)), 0);
 
     auto android = host::LogCapture::androidLines();
     ASSERT_EQ(android.size(), 2u);
@@ -112,11 +117,8 @@ TEST_F(ConfigurationTest, LineIsLoggedButNotKeptWhileTheListIsBusy) {
     });
     held.wait(false);
 
-    IFrameBufferManager::ConfigureStreams cfg;
-    cfg.sharedGroups = std::make_shared<std::vector<std::set<StreamId_T>>>(
-        std::vector<std::set<StreamId_T>>{{0x42}});
     m->beginConfigure();
-    ASSERT_EQ(m->configureStreams(cfg), 0);
+    ASSERT_EQ(m->configureStreams(unknownGroup(0x42)), 0);
     m->endConfigure();
     EXPECT_EQ(androidCount("Couldn't find the shared streamId:0x42"), 1u);
 

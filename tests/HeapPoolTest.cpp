@@ -40,6 +40,15 @@ protected:
     }
     static int availableCount(BufferHeapPool& pool) { return dumpedCount(pool, "available"); }
     static int futureCount(BufferHeapPool& pool) { return dumpedCount(pool, "future"); }
+    // A pool whose `n` heaps are all handed out: they come back through `out`.
+    std::unique_ptr<BufferHeapPool> exhaustedPool(int32_t n, std::vector<HeapPtr>& out) {
+        auto pool = makePool();
+        EXPECT_EQ(pool->allocateBuffers("s", 1, n, n), 0);
+        EXPECT_TRUE(settled(*pool, n));
+        out.resize(n);
+        for (auto& h : out) EXPECT_EQ(pool->acquireFromPool("c", h), 0);
+        return pool;
+    }
     HeapAllocator mAllocator;
 };
 
@@ -148,11 +157,8 @@ TEST_F(HeapPoolTest, LoweringTheMaximumShedsAvailableHeapsOldestFirst) {
 }
 
 TEST_F(HeapPoolTest, PendingDecreaseIsConsumedByTheFirstNeedReleaseQuestion) {
-    auto pool = makePool();
-    ASSERT_EQ(pool->allocateBuffers("s", 1, 7, 7), 0);
-    ASSERT_TRUE(settled(*pool, 7));
-    std::vector<HeapPtr> all(7);
-    for (auto& h : all) ASSERT_EQ(pool->acquireFromPool("c", h), 0);
+    std::vector<HeapPtr> all;
+    auto pool = exhaustedPool(7, all);
 
     int32_t five = 5;
     pool->updateMaxBuffer(five);
@@ -174,11 +180,8 @@ TEST_F(HeapPoolTest, PendingDecreaseIsConsumedByTheFirstNeedReleaseQuestion) {
 }
 
 TEST_F(HeapPoolTest, WorkerWaitsForInUseHeapsToComeBackBeforeFreeingThem) {
-    auto pool = makePool();
-    ASSERT_EQ(pool->allocateBuffers("s", 1, 7, 7), 0);
-    ASSERT_TRUE(settled(*pool, 7));
-    std::vector<HeapPtr> all(7);
-    for (auto& h : all) ASSERT_EQ(pool->acquireFromPool("c", h), 0);
+    std::vector<HeapPtr> all;
+    auto pool = exhaustedPool(7, all);
     int32_t five = 5;
     pool->updateMaxBuffer(five);
 
