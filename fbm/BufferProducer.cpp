@@ -162,6 +162,7 @@ int32_t BufferProducer::acquireFromPool(char const* /*name*/, SbPtr& out, int64_
     // The clock is read only once the first try has failed: the fast path needs no time.
     int64_t startUs = -1;
     for (;;) {
+        uint64_t const releasesBefore = mReleaseSeq.load(std::memory_order_acquire);
         if (!pool->isPoolWaitForRelease() && pool->acquireFromPool(streamName, heap) == 0) break;
         int64_t const nowUs = wallClockUs();
         if (startUs < 0) startUs = nowUs;
@@ -187,6 +188,7 @@ int32_t BufferProducer::acquireFromPool(char const* /*name*/, SbPtr& out, int64_
             }
         }
         LockGuard<Mutex> lk(mHeapPoolLock);
+        if (mReleaseSeq.load(std::memory_order_relaxed) != releasesBefore) continue;  // woken already
         if (!mHeapPoolCond.waitFor(mHeapPoolLock, kWaitSlice)) {
             MY_LOGD_IF(mLogLevel >= 1, "%s: retry(#%d) every 10ms", toString().c_str(), retry);
             ++retry;
@@ -306,6 +308,7 @@ int32_t BufferProducer::releaseToPool(char const* /*name*/, SbPtr buffer) {
         return -EINVAL;
     }
     mHeapPool->releaseToPool(mStreamInfo->streamName(), std::move(heap));
+    mReleaseSeq.fetch_add(1, std::memory_order_release);
     mHeapPoolCond.notifyOne();
     return 0;
 }

@@ -13,6 +13,7 @@
 // Locks: mHeapPoolLock (heap pool handle, mInitialized, the wait) and mMapLock (counts and maps)
 // are never held together. The release callback is called with no lock held: it may release
 // buffers, re-entering releaseToPool of this or another producer on the same thread.
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -87,6 +88,9 @@ private:
     std::string mName;
     mutable Mutex mHeapPoolLock;
     Condition mHeapPoolCond;  // a heap of ours went back; with mHeapPoolLock
+    // Heaps this producer gave back so far, counted under mHeapPoolLock: an acquire that tried the
+    // heap pool before a release and waits after it counts that release as its wake-up.
+    std::atomic<uint64_t> mReleaseSeq{0};
     std::shared_ptr<IImageStreamInfo> mStreamInfo;
     // Written by construction, initProducer and setBufferHeapPool (configuring thread, under the
     // lock); poolName and dumpPool read it without the lock, as they must stay cheap.
