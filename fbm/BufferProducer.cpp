@@ -230,7 +230,6 @@ void BufferProducer::keepNode(std::vector<Node>& cache, Node&& node) {
 }
 
 bool BufferProducer::trackLocked(SbPtr sb, HeapPtr heap, size_t& refCnt) {
-    std::map<SbPtr, HeapPtr>::iterator sbIt;
     if (mFreeSbNodes.empty()) {
         auto r = mSbToHeap.emplace(sb, heap);
         if (!r.second) return false;
