@@ -204,9 +204,13 @@ FreeMetaObject::FreeMetaObject() {
 }
 
 FreeMetaObject::~FreeMetaObject() {
-    // The flag is set without the lock, deliberately: the worker ends only at unload, and a
-    // wake-up missed between its emptiness test and its wait is made up by the next hand-over.
-    mExit = true;
+    // The flag is set under the lock the worker tests it with before it waits: set without it, a
+    // worker between its emptiness test and its wait would miss this wake-up and the join would
+    // wait for a hand-over that never comes at unload or process exit.
+    {
+        std::lock_guard<std::mutex> lk(mLock);
+        mExit = true;
+    }
     mCond.notify_all();
     if (mWorker.joinable()) mWorker.join();
     mPending.clear();  // whatever is left is destroyed on this thread
@@ -225,7 +229,7 @@ void FreeMetaObject::freeBufferThreadLoop() {
         std::vector<MetaPtr> local;
         {
             std::unique_lock<std::mutex> lk(mLock);
-            if (mPending.empty()) {
+            if (mPending.empty() && !mExit) {
                 MY_LOGD("FreeMetaObject: wait +");
                 mCond.wait(lk);  // one wait: any wake-up, spurious or not, runs one pass
                 MY_LOGD("FreeMetaObject: wait -");

@@ -1,7 +1,11 @@
 // The metadata free worker: buffers handed over are destroyed on its thread, a pass takes all
 // that is pending, and within a pass the last handed over goes first.
+#include <atomic>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <latch>
+#include <thread>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -14,6 +18,7 @@ class MetaWorkerTest : public PlatformTest {
 protected:
     void TearDown() override {
         host::StreamBufferFactory::setMetaDestroyHook(nullptr);
+        host::LogCapture::setLineHook(nullptr);
         PlatformTest::TearDown();
     }
     std::mutex mLock;
@@ -38,9 +43,7 @@ TEST_F(MetaWorkerTest, HandOversDuringAPassGoInTheNextPassLastFirst) {
         mCond.notify_all();
     });
 
-    // The process's worker: a local one could meet, at its destruction, the wake-up the worker
-    // deliberately may miss then (it waits for the next hand-over; at unload there is none).
-    FreeMetaObject& worker = gFreeMetaObject;
+    FreeMetaObject& worker = gFreeMetaObject;  // the process's own, as the manager uses it
     worker.freeBufferVec(first);
     EXPECT_TRUE(first.empty());
     inPass.wait();
@@ -76,6 +79,117 @@ TEST_F(MetaWorkerTest, ReleaseBufferOfEachKind) {
     releaseBuffer(image);
     EXPECT_FALSE(image);
     EXPECT_EQ(host::StreamBufferFactory::releaseToOwnerCalls(), calls + 1);
+}
+
+// Where a worker is when it is destroyed.
+enum class Point { JustBuilt, BeforeItsWait, Waiting, InAPass, WithBuffersPending };
+
+struct Round {
+    std::atomic<long> workerTid{0};     // learnt from the worker's first line
+    std::atomic<long> destroyerTid{0};
+    std::atomic<bool> reached{false};   // the worker is at the point
+    std::atomic<bool> destroying{false};
+    std::atomic<int> ended{0};          // "thread -" lines of the worker
+    std::mutex lock;
+    std::vector<long> destroyedOn;      // per metadata buffer destroyed, guarded by lock
+
+    bool onWorker() const { return workerTid == static_cast<long>(syscall(SYS_gettid)); }
+    void arrive() {
+        reached = true;
+        reached.notify_all();
+    }
+};
+
+// Destroys the worker on another thread. A destructor that does not return is a hang at unload or
+// exit: the test aborts naming the point, instead of sitting until its time-out.
+void destroyWorker(std::unique_ptr<FreeMetaObject>& worker, Round& round, char const* point) {
+    std::mutex lock;
+    std::condition_variable cond;
+    bool done = false;
+    std::thread destroyer([&] {
+        round.destroyerTid = static_cast<long>(syscall(SYS_gettid));
+        round.destroying = true;
+        round.destroying.notify_all();
+        worker.reset();
+        std::lock_guard<std::mutex> lk(lock);
+        done = true;
+        cond.notify_all();
+    });
+    std::unique_lock<std::mutex> lk(lock);
+    if (!cond.wait_for(lk, std::chrono::seconds(30), [&] { return done; })) {
+        std::fprintf(stderr, "metadata worker destroyed %s: not joined after 30 s\n", point);
+        std::abort();
+    }
+    lk.unlock();
+    destroyer.join();
+}
+
+TEST_F(MetaWorkerTest, DestroyedAtEveryPointOfItsLoopItStops) {
+    host::LogCapture::setCapturing(false);
+    host::setULogSwitches(5, 0x207000, 1);  // the worker's debug lines mark where it is
+    auto info = metaInfo(0x100, "m");
+    constexpr int kRounds = 100;
+    std::pair<Point, char const*> const points[] = {
+        {Point::JustBuilt, "just built"},
+        {Point::BeforeItsWait, "between its emptiness test and its wait"},
+        {Point::Waiting, "while waiting"},
+        {Point::InAPass, "in a pass"},
+        {Point::WithBuffersPending, "with buffers pending"},
+    };
+    for (auto const& [point, what] : points) {
+        SCOPED_TRACE(what);
+        for (int i = 0; i < kRounds; ++i) {
+            Round round;
+            host::LogCapture::setLineHook([&round, point = point](std::string const& text) {
+                if (text.find("FreeMetaObject: thread +") != std::string::npos) {
+                    round.workerTid = static_cast<long>(syscall(SYS_gettid));
+                    return;
+                }
+                if (!round.onWorker()) return;  // the process's own worker
+                if (text.find("FreeMetaObject: thread -") != std::string::npos) ++round.ended;
+                if (text.find("FreeMetaObject: wait +") == std::string::npos) return;
+                if (point == Point::Waiting) round.arrive();
+                if (point == Point::BeforeItsWait) {  // hold it there until destruction begins
+                    round.arrive();
+                    round.destroying.wait(false);
+                }
+            });
+            host::StreamBufferFactory::setMetaDestroyHook([&round, point = point](char const*) {
+                long const tid = static_cast<long>(syscall(SYS_gettid));
+                {
+                    std::lock_guard<std::mutex> lk(round.lock);
+                    round.destroyedOn.push_back(tid);
+                }
+                if (round.onWorker() && (point == Point::InAPass || point == Point::WithBuffersPending) &&
+                    !round.reached) {  // hold the first pass until destruction begins
+                    round.arrive();
+                    round.destroying.wait(false);
+                }
+            });
+
+            auto worker = std::make_unique<FreeMetaObject>();
+            std::vector<MetaPtr> first{makeMeta(info)}, later{makeMeta(info), makeMeta(info)};
+            if (point == Point::InAPass || point == Point::WithBuffersPending) worker->freeBufferVec(first);
+            if (point != Point::JustBuilt) round.reached.wait(false);
+            if (point == Point::WithBuffersPending) worker->freeBufferVec(later);
+            destroyWorker(worker, round, what);
+            host::LogCapture::setLineHook(nullptr);
+            host::StreamBufferFactory::setMetaDestroyHook(nullptr);
+
+            EXPECT_EQ(round.ended.load(), 1);
+            EXPECT_EQ(host::StreamBufferFactory::metaAlive(), static_cast<int64_t>(first.size() + later.size()));
+            first.clear();
+            later.clear();
+            if (point == Point::InAPass) {  // the begun pass completed on the worker
+                EXPECT_EQ(round.destroyedOn, std::vector<long>{round.workerTid});
+            }
+            if (point == Point::WithBuffersPending) {  // what was left goes on the destroying thread
+                EXPECT_EQ(round.destroyedOn,
+                          (std::vector<long>{round.workerTid, round.destroyerTid, round.destroyerTid}));
+            }
+            if (HasFailure()) return;
+        }
+    }
 }
 
 }  // namespace

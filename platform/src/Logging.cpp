@@ -44,12 +44,20 @@ void echoLine(int prio, char const* tag, char const* text) {
                  static_cast<long>(syscall(SYS_gettid)), priorityLetter(prio), tag, text);
 }
 
+using LineHook = std::function<void(std::string const&)>;
+std::atomic<bool> gHasLineHook{false};
+std::shared_ptr<LineHook> gLineHook;  // guarded by capture().lock
+
 void recordAndroid(int prio, char const* tag, char const* text) {
     if (gEcho.load(std::memory_order_relaxed)) echoLine(prio, tag, text);
-    if (!gCapturing.load(std::memory_order_relaxed)) return;
-    auto& c = capture();
-    std::lock_guard<std::mutex> lk(c.lock);
-    c.android.push_back({prio, tag ? tag : "", text});
+    std::shared_ptr<LineHook> hook;
+    if (gCapturing.load(std::memory_order_relaxed) || gHasLineHook.load(std::memory_order_acquire)) {
+        auto& c = capture();
+        std::lock_guard<std::mutex> lk(c.lock);
+        if (gCapturing.load(std::memory_order_relaxed)) c.android.push_back({prio, tag ? tag : "", text});
+        hook = gLineHook;
+    }
+    if (hook) (*hook)(text);
 }
 
 // The process's unified logger: keeps what it is given.
@@ -226,6 +234,12 @@ void LogCapture::clear() {
 }
 void LogCapture::setCapturing(bool on) { gCapturing = on; }
 void LogCapture::setEcho(bool on) { gEcho = on; }
+void LogCapture::setLineHook(std::function<void(std::string const&)> hook) {
+    auto& c = capture();
+    std::lock_guard<std::mutex> lk(c.lock);
+    gLineHook = hook ? std::make_shared<LineHook>(std::move(hook)) : nullptr;
+    gHasLineHook = static_cast<bool>(gLineHook);
+}
 size_t LogCapture::countAndroid(std::string const& s) {
     size_t n = 0;
     for (auto const& l : androidLines()) n += l.text.find(s) != std::string::npos;

@@ -41,6 +41,9 @@ public:
     static void setEcho(bool on);
     static size_t countAndroid(std::string const& substring);
     static size_t countULog(std::string const& substring);
+    // Called with the text of every line of the Android sink, on the logging thread, with the
+    // logger's own locks released (nullptr to remove). Lets a test stop a thread at a log site.
+    static void setLineHook(std::function<void(std::string const& text)> hook);
 };
 
 // The unified logger's switches. Defaults: level 2, mask 0, mode 9 (both sinks).

@@ -1,0 +1,154 @@
+// The library loaded, used and unloaded again and again, as a camera provider process does: every
+// unload must join the metadata worker, whatever the worker was doing, and really unload.
+#include <dlfcn.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+
+#include "TestSupport.h"
+
+namespace fbmtest {
+namespace {
+
+using CreateFn = void (*)(std::shared_ptr<IFrameBufferManager>*, char const*);
+constexpr StreamId_T kImage = 0x1, kHalMeta = 0x100, kAppMeta = 0x101;
+constexpr int kKept = 8;
+
+// One cycle of use: frames keeping an image and both metadata, then a lowered pool maximum makes
+// the next request release more than four sets at once, which hands their metadata to the loaded
+// library's worker.
+class Cycle {
+public:
+    explicit Cycle(CreateFn create) {
+        create(&mManager, "unload");
+        mImage = imageInfo({.id = kImage, .name = "img", .w = 64, .h = 32, .max = kKept, .min = kKept});
+        mHalMeta = metaInfo(kHalMeta, "halMeta");
+        mAppMeta = metaInfo(kAppMeta, "appMeta");
+    }
+    void run() {
+        IFrameBufferManager::ConfigureStreams cfg;
+        cfg.imageStreams = {{mImage, eHAL_IMAGE_POOL, nullptr}};
+        cfg.metaStreams = {{mHalMeta, eHAL_META}, {mAppMeta, eAPP_META}};
+        mManager->beginConfigure();
+        ASSERT_EQ(mManager->configureStreams(cfg), 0);
+        ASSERT_EQ(mManager->endConfigure(), 0);
+        auto provider = mManager->getPipelineFrameBufferProvider();
+        auto processor = mManager->getPipelineFrameResultProcessor();
+        for (uint32_t f = 1; f <= kKept; ++f) {
+            auto p = std::make_shared<TrackFrameResultParams>();
+            p->halImage = {kImage};
+            p->halMeta = {kHalMeta};
+            p->appMeta = {kAppMeta};
+            p->isRecyclable = true;
+            ASSERT_EQ(mManager->trackFrameResult({f, f, p}), 0);
+            SbPtr sb;
+            ASSERT_EQ(provider->requestStreamBuffer([&](SbPtr const& b) { sb = b; }, {f, f, mImage}), 0);
+            ASSERT_TRUE(sb);
+            std::vector<SbPtr> images{sb}, none;
+            std::vector<MetaPtr> hal{makeMeta(mHalMeta, f)}, app{makeMeta(mAppMeta, f)};
+            IPipelineFrameHalResultProcessor::ReturnResult rr;
+            rr.requestNo = rr.frameNo = f;
+            rr.timestamp = f;
+            rr.halImage = &images;
+            rr.halImageToRelease = &none;
+            rr.halMeta = &hal;
+            rr.appMeta = &app;
+            processor->returnResult(rr);
+            sb->releaseToOwner();
+        }
+        int max = 2;
+        ASSERT_EQ(mManager->updateBufferPoolMaxBufCount(kImage, max), 0);
+        SbPtr sb;
+        uint32_t const f = kKept + 1;
+        provider->requestStreamBuffer([&](SbPtr const& b) { sb = b; }, {f, f, mImage});
+        if (sb) sb->releaseToOwner();
+    }
+    ~Cycle() { mManager.reset(); }
+
+private:
+    std::shared_ptr<IFrameBufferManager> mManager;
+    std::shared_ptr<IImageStreamInfo> mImage;
+    std::shared_ptr<IMetaStreamInfo> mHalMeta, mAppMeta;
+};
+
+class UnloadTest : public PlatformTest {
+protected:
+    void TearDown() override {
+        host::StreamBufferFactory::setMetaDestroyHook(nullptr);
+        host::LogCapture::setLineHook(nullptr);
+        PlatformTest::TearDown();
+    }
+};
+
+TEST_F(UnloadTest, LoadUseUnloadManyTimes) {
+    constexpr int kCycles = 500;
+    auto const budget = std::chrono::seconds(60);  // sanitizers and emulation are far slower
+    host::setProperty("vendor.debug.camera.pipeline.fbm.acquire.timeout", 100);
+    host::LogCapture::setCapturing(false);
+    host::setProperty("vendor.debug.camera.log.pipeline.fbm", 2);  // names each set released
+    host::setULogSwitches(5, 0x207000, 1);  // debug lines of the library to the Android sink
+    // A set whose metadata goes to the worker is released by releaseBufferSets, one by one by
+    // releaseOneBufferSet; the process's own worker never ends during the test.
+    std::atomic<int> workersEnded{0}, setsToWorker{0};
+    host::LogCapture::setLineHook([&](std::string const& text) {
+        if (text.find("FreeMetaObject: thread -") != std::string::npos) ++workersEnded;
+        if (text.find("[releaseBufferSets] release [R") != std::string::npos) ++setsToWorker;
+    });
+
+    // A hang is reported as such, with the cycle it happened in, instead of a bare time-out.
+    std::mutex lock;
+    std::condition_variable cond;
+    bool done = false;
+    std::atomic<int> cycle{0};
+    std::thread watchdog([&] {
+        std::unique_lock<std::mutex> lk(lock);
+        if (cond.wait_for(lk, budget + std::chrono::seconds(60), [&] { return done; })) return;
+        std::fprintf(stderr, "unload: no progress in cycle %d\n", cycle.load());
+        std::abort();
+    });
+
+    auto const start = std::chrono::steady_clock::now();
+    int handedOver = 0;
+    for (; cycle < kCycles && std::chrono::steady_clock::now() - start < budget; ++cycle) {
+        void* lib = dlopen(FBM_SHARED_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(lib, nullptr) << dlerror();
+        auto create = reinterpret_cast<CreateFn>(dlsym(lib, "createFrameBufferManager"));
+        ASSERT_NE(create, nullptr);
+        int const before = setsToWorker;
+        {
+            Cycle c(create);
+            c.run();
+            if (HasFatalFailure()) break;
+        }
+        handedOver += setsToWorker - before > 4;
+        ASSERT_EQ(dlclose(lib), 0);
+        ASSERT_EQ(dlopen(FBM_SHARED_LIBRARY_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr)
+            << "still loaded after cycle " << cycle;
+        ASSERT_EQ(workersEnded.load(), cycle + 1);  // joined at this unload
+    }
+    {
+        std::lock_guard<std::mutex> lk(lock);
+        done = true;
+    }
+    cond.notify_all();
+    watchdog.join();
+    int const cycles = cycle;
+    std::printf("unload: %d load/use/unload cycles in %.1f s, metadata handed to the worker in %d\n",
+                cycles,
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(),
+                handedOver);
+    EXPECT_GE(cycles, 50);
+    EXPECT_EQ(workersEnded.load(), cycles);
+    EXPECT_EQ(handedOver, cycles);
+    EXPECT_EQ(host::StreamBufferFactory::metaAlive(), 0);
+    EXPECT_EQ(host::StreamBufferFactory::imageAlive(), 0);
+    EXPECT_TRUE(waitHeaps([](int64_t, int64_t alive) { return alive == 0; }));
+}
+
+}  // namespace
+}  // namespace fbmtest
