@@ -3,9 +3,9 @@
 // -Wthread-safety checks nothing on them; these thin wrappers let the compiler check that a member
 // marked GUARDED_BY is only touched with its lock held and that `_l`/`Locked` functions are only
 // called with theirs. With GCC the macros expand to nothing and the wrappers cost nothing.
+#include <algorithm>
 #include <chrono>
 #include <cerrno>
-#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 
@@ -39,7 +39,6 @@
 #endif
 #endif
 
-#if !defined(FBM_TSAN)
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -47,11 +46,13 @@
 #include <atomic>
 #include <climits>
 #include <ctime>
+
+#if defined(FBM_TSAN)
+#include <sanitizer/tsan_interface.h>
 #endif
 
 namespace NSCam {
 
-#if !defined(FBM_TSAN)
 namespace detail {
 inline long futex(std::atomic<uint32_t>* word, int op, uint32_t value, timespec const* timeout = nullptr) {
     return ::syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), op | FUTEX_PRIVATE_FLAG, value, timeout,
@@ -60,53 +61,90 @@ inline long futex(std::atomic<uint32_t>* word, int op, uint32_t value, timespec 
 inline void cpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)
     __builtin_ia32_pause();
-#elif defined(__aarch64__) || defined(__arm__)
-    asm volatile("yield");
+#elif defined(__aarch64__)
+    asm volatile("yield" ::: "memory");
+#else
+#error "no spin hint for this architecture"
 #endif
 }
-}  // namespace detail
+
+// The thread sanitizer does not see futexes. These tell it what the locks below do, so that it
+// checks the locks that ship: between a pre and a post call it ignores the lock's own atomics, and
+// at the post call it records the acquisition or release. Empty without the sanitizer.
+namespace tsan {
+#if defined(FBM_TSAN)
+inline constexpr unsigned kTry = __tsan_mutex_try_lock;
+inline constexpr unsigned kTryFailed = __tsan_mutex_try_lock_failed;
+inline void create(void* m) { __tsan_mutex_create(m, __tsan_mutex_not_static); }
+inline void destroy(void* m) { __tsan_mutex_destroy(m, __tsan_mutex_not_static); }
+inline void preLock(void* m, unsigned flags) { __tsan_mutex_pre_lock(m, flags); }
+inline void postLock(void* m, unsigned flags) { __tsan_mutex_post_lock(m, flags, 0); }
+inline void preUnlock(void* m) { __tsan_mutex_pre_unlock(m, 0); }
+inline void postUnlock(void* m) { __tsan_mutex_post_unlock(m, 0); }
+inline void preSignal(void* c) { __tsan_mutex_pre_signal(c, 0); }
+inline void postSignal(void* c) { __tsan_mutex_post_signal(c, 0); }
+#else
+inline constexpr unsigned kTry = 0;
+inline constexpr unsigned kTryFailed = 0;
+inline void create(void*) {}
+inline void destroy(void*) {}
+inline void preLock(void*, unsigned) {}
+inline void postLock(void*, unsigned) {}
+inline void preUnlock(void*) {}
+inline void postUnlock(void*) {}
+inline void preSignal(void*) {}
+inline void postSignal(void*) {}
 #endif
+}  // namespace tsan
+}  // namespace detail
 
 // The locks of the frame path are held for a few dozen instructions and taken a dozen times per
 // buffer: an inline lock that spins briefly before sleeping on a futex costs a fraction of a
-// pthread mutex, uncontended and contended. Under the thread sanitizer it is a std::mutex, which
-// the sanitizer understands.
+// pthread mutex, uncontended and contended. The same code runs under the thread sanitizer,
+// annotated, so the sanitizer checks the lock that ships.
 class CAPABILITY("mutex") Mutex {
 public:
-#if !defined(FBM_TSAN)
+    Mutex() noexcept { detail::tsan::create(this); }
+    ~Mutex() { detail::tsan::destroy(this); }
+    Mutex(Mutex const&) = delete;
+    Mutex& operator=(Mutex const&) = delete;
+
     void lock() ACQUIRE() {
+        detail::tsan::preLock(this, 0);
         uint32_t expected = 0;
         if (!mState.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed)) {
             lockSlow();
         }
+        detail::tsan::postLock(this, 0);
     }
     void unlock() RELEASE() {
+        detail::tsan::preUnlock(this);
         if (mState.exchange(0, std::memory_order_release) == 2) detail::futex(&mState, FUTEX_WAKE, 1);
+        detail::tsan::postUnlock(this);
     }
     bool try_lock() TRY_ACQUIRE(true) {
-        uint32_t expected = 0;
-        return mState.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed);
+        detail::tsan::preLock(this, detail::tsan::kTry);
+        bool const locked = tryLockOnce();
+        detail::tsan::postLock(this, locked ? detail::tsan::kTry : detail::tsan::kTry | detail::tsan::kTryFailed);
+        return locked;
     }
 
     // Tries for at most `d`; false when the time ran out.
     template <class Rep, class Period>
     bool try_lock_for(std::chrono::duration<Rep, Period> const& d) TRY_ACQUIRE(true) {
-        if (try_lock()) return true;
-        auto const deadline = std::chrono::steady_clock::now() + d;
-        while (mState.exchange(2, std::memory_order_acquire) != 0) {
-            auto const left = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                  deadline - std::chrono::steady_clock::now())
-                                  .count();
-            if (left <= 0) return false;
-            timespec const ts{static_cast<time_t>(left / 1000000000), static_cast<long>(left % 1000000000)};
-            detail::futex(&mState, FUTEX_WAIT, 2, &ts);
-        }
-        return true;
+        detail::tsan::preLock(this, detail::tsan::kTry);
+        bool const locked = tryLockOnce() || lockUntil(std::chrono::steady_clock::now() + d);
+        detail::tsan::postLock(this, locked ? detail::tsan::kTry : detail::tsan::kTry | detail::tsan::kTryFailed);
+        return locked;
     }
 
 private:
     friend class Condition;
     // States: 0 free, 1 held, 2 held and somebody may sleep on it.
+    bool tryLockOnce() {
+        uint32_t expected = 0;
+        return mState.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed);
+    }
     void lockSlow() {
         for (int spin = 0; spin < 64; ++spin) {
             detail::cpuRelax();
@@ -118,16 +156,18 @@ private:
         }
         while (mState.exchange(2, std::memory_order_acquire) != 0) detail::futex(&mState, FUTEX_WAIT, 2);
     }
+    bool lockUntil(std::chrono::steady_clock::time_point deadline) {
+        while (mState.exchange(2, std::memory_order_acquire) != 0) {
+            auto const left = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                  deadline - std::chrono::steady_clock::now())
+                                  .count();
+            if (left <= 0) return false;
+            timespec const ts{static_cast<time_t>(left / 1000000000), static_cast<long>(left % 1000000000)};
+            detail::futex(&mState, FUTEX_WAIT, 2, &ts);
+        }
+        return true;
+    }
     std::atomic<uint32_t> mState{0};
-#else
-    void lock() ACQUIRE() { mMutex.lock(); }
-    void unlock() RELEASE() { mMutex.unlock(); }
-    bool try_lock() TRY_ACQUIRE(true) { return mMutex.try_lock(); }
-
-private:
-    friend class Condition;
-    std::mutex mMutex;
-#endif
 };
 
 // A condition variable for Mutex. Waits are single waits (a wake-up may be spurious); notify
@@ -135,12 +175,11 @@ private:
 // that tested its state under the same mutex.
 class Condition {
 public:
-#if !defined(FBM_TSAN)
     void wait(Mutex& m) REQUIRES(m) { waitImpl(m, nullptr); }
     // False when the time ran out.
     template <class Rep, class Period>
     bool waitFor(Mutex& m, std::chrono::duration<Rep, Period> const& d) REQUIRES(m) {
-        auto const ns = std::chrono::duration_cast<std::chrono::nanoseconds>(d).count();
+        auto const ns = std::max<int64_t>(0, std::chrono::duration_cast<std::chrono::nanoseconds>(d).count());
         timespec const ts{static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
         return waitImpl(m, &ts);
     }
@@ -148,6 +187,8 @@ public:
     void notifyAll() { notify(INT_MAX); }
 
 private:
+    // The mutex is let go and taken again through its annotated operations: to the sanitizer a
+    // wait is an unlock and a lock, and the state it guards is ordered by the mutex alone.
     bool waitImpl(Mutex& m, timespec const* timeout) NO_THREAD_SAFETY_ANALYSIS {
         uint32_t const seq = mSeq.load(std::memory_order_relaxed);
         mWaiters.fetch_add(1, std::memory_order_relaxed);
@@ -159,37 +200,20 @@ private:
         return !timedOut;
     }
     void notify(int n) {
-        if (mWaiters.load(std::memory_order_seq_cst) == 0) return;
-        mSeq.fetch_add(1, std::memory_order_seq_cst);
-        detail::futex(&mSeq, FUTEX_WAKE, static_cast<uint32_t>(n));
+        detail::tsan::preSignal(this);
+        if (mWaiters.load(std::memory_order_seq_cst) != 0) {
+            mSeq.fetch_add(1, std::memory_order_seq_cst);
+            detail::futex(&mSeq, FUTEX_WAKE, static_cast<uint32_t>(n));
+        }
+        detail::tsan::postSignal(this);
     }
     std::atomic<uint32_t> mSeq{0};
     std::atomic<uint32_t> mWaiters{0};
-#else
-    void wait(Mutex& m) REQUIRES(m) {
-        std::unique_lock<std::mutex> lk(m.mMutex, std::adopt_lock);
-        mCond.wait(lk);
-        lk.release();
-    }
-    template <class Rep, class Period>
-    bool waitFor(Mutex& m, std::chrono::duration<Rep, Period> const& d) REQUIRES(m) {
-        std::unique_lock<std::mutex> lk(m.mMutex, std::adopt_lock);
-        bool const woken = mCond.wait_for(lk, d) == std::cv_status::no_timeout;
-        lk.release();
-        return woken;
-    }
-    void notifyOne() { mCond.notify_one(); }
-    void notifyAll() { mCond.notify_all(); }
-
-private:
-    std::condition_variable mCond;
-#endif
 };
 
 // A Mutex that can also be tried for a while (dumps and the release path do).
 class CAPABILITY("mutex") TimedMutex {
 public:
-#if !defined(FBM_TSAN)
     void lock() ACQUIRE() { mMutex.lock(); }
     void unlock() RELEASE() { mMutex.unlock(); }
     bool try_lock() TRY_ACQUIRE(true) { return mMutex.try_lock(); }
@@ -200,40 +224,6 @@ public:
 
 private:
     Mutex mMutex;
-#else
-    // The thread sanitizer does not see std::timed_mutex's timed acquisition
-    // (pthread_mutex_clocklock): under it, a lock built of parts it does see.
-    void lock() ACQUIRE() {
-        std::unique_lock<std::mutex> lk(mMutex);
-        mCond.wait(lk, [this] { return !mLocked; });
-        mLocked = true;
-    }
-    void unlock() RELEASE() {
-        {
-            std::lock_guard<std::mutex> lk(mMutex);
-            mLocked = false;
-        }
-        mCond.notify_one();
-    }
-    bool try_lock() TRY_ACQUIRE(true) {
-        std::lock_guard<std::mutex> lk(mMutex);
-        if (mLocked) return false;
-        mLocked = true;
-        return true;
-    }
-    template <class Rep, class Period>
-    bool try_lock_for(std::chrono::duration<Rep, Period> const& d) TRY_ACQUIRE(true) {
-        std::unique_lock<std::mutex> lk(mMutex);
-        if (!mCond.wait_for(lk, d, [this] { return !mLocked; })) return false;
-        mLocked = true;
-        return true;
-    }
-
-private:
-    std::mutex mMutex;
-    std::condition_variable mCond;
-    bool mLocked = false;
-#endif
 };
 
 template <class M>
