@@ -191,5 +191,23 @@ TEST(LockTortureTest, NotifyOneAfterUnlockHandsEveryItemOver) {
     EXPECT_EQ(timeouts.load(), 0);
 }
 
+#if defined(FBM_TSAN)
+// The sanitizer sees these locks for what they are: two taken in both orders is reported.
+TEST(LockTortureTest, ThreadSanitizerSeesTheLocks) {
+    EXPECT_DEATH(
+        {
+            Mutex a;
+            TimedMutex b;
+            {
+                LockGuard<Mutex> la(a);
+                LockGuard<TimedMutex> lb(b);
+            }
+            LockGuard<TimedMutex> lb(b);
+            LockGuard<Mutex> la(a);
+        },
+        "lock-order-inversion");
+}
+#endif
+
 }  // namespace
 }  // namespace fbmtest
