@@ -183,9 +183,13 @@ TEST_F(MetaWorkerTest, DestroyedAtEveryPointOfItsLoopItStops) {
             if (point == Point::InAPass) {  // the begun pass completed on the worker
                 EXPECT_EQ(round.destroyedOn, std::vector<long>{round.workerTid});
             }
-            if (point == Point::WithBuffersPending) {  // what was left goes on the destroying thread
-                EXPECT_EQ(round.destroyedOn,
-                          (std::vector<long>{round.workerTid, round.destroyerTid, round.destroyerTid}));
+            if (point == Point::WithBuffersPending) {
+                // The begun pass completes on the worker; what was handed over meanwhile goes in
+                // one more pass if the worker saw it before the flag, else on the destroying thread.
+                ASSERT_EQ(round.destroyedOn.size(), 3u);
+                EXPECT_EQ(round.destroyedOn[0], round.workerTid);
+                EXPECT_EQ(round.destroyedOn[1], round.destroyedOn[2]);
+                EXPECT_TRUE(round.destroyedOn[1] == round.workerTid || round.destroyedOn[1] == round.destroyerTid);
             }
             if (HasFailure()) return;
         }
