@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs when they are missing (as root, through apt-get).
-# Usage: scripts/ensure-deps.sh [build] [sim] [bench] [fuzz]   (default: build)
+# Usage: scripts/ensure-deps.sh [build] [sim] [bench] [fuzz] [arm64]   (default: build)
 set -euo pipefail
 
 groups=("$@")
@@ -13,6 +13,8 @@ for g in "${groups[@]}"; do
     sim)   pkgs+=(nlohmann-json3-dev libcli11-dev gnuplot-nox) ;;
     bench) pkgs+=(libbenchmark-dev libgstreamer1.0-dev pkg-config) ;;
     fuzz)  pkgs+=(clang libclang-rt-14-dev) ;;
+    # The cross compiler, the user-mode emulator, and GoogleTest's sources to build for the target.
+    arm64) pkgs+=(g++-aarch64-linux-gnu qemu-user googletest) ;;
     *) echo "ensure-deps: unknown group '$g'" >&2; exit 2 ;;
   esac
 done

@@ -3,14 +3,17 @@
 #   1. the default build's tests,
 #   2. an install of the library and a consumer project built against it,
 #   3. the thread-safety analysis build (clang),
-#   4. the tests under address+undefined and under thread sanitizers,
-#   5. the libFuzzer harness for FBM_FUZZ_SECONDS (default 60) over the committed seed corpus.
+#   4. the tests under address+undefined and under thread sanitizers, with the unload, metadata
+#      worker and lock torture tests repeated,
+#   5. the libFuzzer harness for FBM_FUZZ_SECONDS (default 60) over the committed seed corpus,
+#   6. the arm64 cross-build, its tests and a simulator run under qemu-user (stress test at 1,000
+#      frames instead of 4,000; no fuzzing there).
 # Usage: scripts/test.sh [--quick]   (--quick: step 1 only)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
 
-scripts/ensure-deps.sh build sim fuzz
+scripts/ensure-deps.sh build sim fuzz arm64
 
 step() { printf '\n==== %s ====\n' "$*"; }
 
@@ -19,6 +22,11 @@ cmake --preset default >/dev/null
 cmake --build --preset default -j "$jobs"
 ctest --preset default -j "$jobs"
 [ "${1:-}" = "--quick" ] && exit 0
+
+# A hang at unload or exit is rare per process: these run again and again, two at a time.
+lifecycle='UnloadTest|MetaWorkerTest|LockTortureTest'
+step "unload, metadata worker and lock tests repeated"
+ctest --preset default -j "$jobs" -R "$lifecycle" --repeat until-fail:5 | tail -3
 
 step "install and consumer project"
 rm -rf build/install build/consumer
@@ -39,14 +47,26 @@ for preset in asan tsan; do
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
   ctest --preset "$preset" -j "$jobs"
+  ctest --preset "$preset" -j "$jobs" -R "$lifecycle" --repeat until-fail:3 | tail -3
 done
 step "fuzzing for ${FBM_FUZZ_SECONDS:-60} s"
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "$jobs"
 corpus=$(mktemp -d)
 trap 'rm -rf "$corpus"' EXIT
-./build/fuzz/tests/fuzz/fbm_fuzz -max_total_time="${FBM_FUZZ_SECONDS:-60}" -max_len=128 \
+# libFuzzer's per-input leak check re-runs every input whose mallocs outnumber its frees and scans
+# the heap, which the manager's worker threads make true of most inputs: it halves the rate, and
+# libFuzzer turns it off by itself after 1,000 attempts. Off from the start: the harness itself
+# checks after every input that no heap, stream buffer or metadata buffer outlives the run.
+./build/fuzz/tests/fuzz/fbm_fuzz -max_total_time="${FBM_FUZZ_SECONDS:-60}" -max_len=128 -detect_leaks=0 \
   -print_final_stats=1 -artifact_prefix=build/fuzz/ "$corpus" tests/fuzz/corpus 2>&1 |
   grep -E '^#[0-9]+[[:space:]]+(INITED|DONE)|^stat::|ERROR|invariant|SUMMARY'
+
+step "arm64: cross-build, tests and a simulator run under qemu-user"
+cmake --preset arm64 >/dev/null
+cmake --build --preset arm64 -j "$jobs"
+ctest --preset arm64 -j "$jobs"
+qemu-aarch64 -L /usr/aarch64-linux-gnu ./build/arm64/tools/fbm-sim --no-progress -n 3000 |
+  grep -E 'frames/s|leak check:'
 
 step "all passed"
