@@ -16,11 +16,6 @@ namespace {
 
 class MetaWorkerTest : public PlatformTest {
 protected:
-    void TearDown() override {
-        host::StreamBufferFactory::setMetaDestroyHook(nullptr);
-        host::LogCapture::setLineHook(nullptr);
-        PlatformTest::TearDown();
-    }
     std::mutex mLock;
     std::condition_variable mCond;
     std::vector<std::string> mDestroyed;  // names, in destruction order

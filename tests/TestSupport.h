@@ -46,6 +46,8 @@ protected:
     void TearDown() override {
         host::HeapFactory::failNext(0);
         host::HeapFactory::setCreateHook(nullptr);
+        host::StreamBufferFactory::setMetaDestroyHook(nullptr);
+        host::LogCapture::setLineHook(nullptr);
     }
     // How many captured lines of each sink contain `text`.
     static size_t androidCount(std::string const& text) { return host::LogCapture::countAndroid(text); }

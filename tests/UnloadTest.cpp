@@ -68,7 +68,6 @@ public:
         provider->requestStreamBuffer([&](SbPtr const& b) { sb = b; }, {f, f, mImage});
         if (sb) sb->releaseToOwner();
     }
-    ~Cycle() { mManager.reset(); }
 
 private:
     std::shared_ptr<IFrameBufferManager> mManager;
@@ -76,14 +75,7 @@ private:
     std::shared_ptr<IMetaStreamInfo> mHalMeta, mAppMeta;
 };
 
-class UnloadTest : public PlatformTest {
-protected:
-    void TearDown() override {
-        host::StreamBufferFactory::setMetaDestroyHook(nullptr);
-        host::LogCapture::setLineHook(nullptr);
-        PlatformTest::TearDown();
-    }
-};
+using UnloadTest = PlatformTest;
 
 TEST_F(UnloadTest, LoadUseUnloadManyTimes) {
     constexpr int kCycles = 500;
