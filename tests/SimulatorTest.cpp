@@ -6,28 +6,21 @@
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <sys/wait.h>
 
 #include "Scenario.h"
+#include "SimRunner.h"
 
 namespace {
 
-struct SimRun {
-    int exitCode = -1;
-    std::string out;  // stdout and stderr
-};
+using simtest::runSim;
+using simtest::SimRun;
 
+// Arguments split at blanks: for the tests whose arguments hold none.
 SimRun sim(std::string const& args) {
-    std::string const cmd = std::string(FBM_SIM_PATH) + " --no-progress " + args + " 2>&1";
-    SimRun r;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (p == nullptr) return r;
-    std::array<char, 4096> buf;
-    size_t n;
-    while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) r.out.append(buf.data(), n);
-    int const status = pclose(p);
-    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return r;
+    std::vector<std::string> argv;
+    std::istringstream in(args);
+    for (std::string a; in >> a;) argv.push_back(a);
+    return runSim(argv);
 }
 
 std::string slurp(std::string const& path) {
@@ -143,13 +136,14 @@ TEST(ScenarioFile, ProblemsAreNamedWithTheirPlace) {
     EXPECT_EQ(error(R"({"images": []})"), "scenario.images: must be a non-empty array of image streams");
     EXPECT_EQ(error(R"({"images": [{"name": "a", "id": 1}], "frame": 3})"), "scenario.frame: unknown key");
     EXPECT_EQ(error(R"({"images": [{"name": "a", "id": "0xZ"}]})"),
-              "scenario.images[0].id: must be a stream id (an integer or a string such as \"0x1a\")");
+              "scenario.images[0].id: must be a stream id (an integer or a string such as \"0x1a\", from 0 to "
+              "2^63-1)");
     EXPECT_EQ(error(R"({"images": [{"name": "a", "id": 1, "minBuffers": 5, "maxBuffers": 2}]})"),
               "scenario.images[0]: minBuffers is above maxBuffers");
     EXPECT_EQ(error(R"({"images": [{"name": "a", "id": 1}, {"name": "b", "id": 1}]})"),
               "scenario.images[1].id: stream id 1 is used twice");
     EXPECT_EQ(error(R"({"images": [{"name": "a", "id": 1, "width": "wide"}]})"),
-              "scenario.images[0].width: has the wrong type (string)");
+              "scenario.images[0].width: has the wrong type (string): must be an integer from 1 to 1073741824");
     EXPECT_EQ(error(R"({"images": [{"name": "a", "id": 1}], "poolChanges": [{"stream": 2}]})"),
               "scenario.poolChanges[0].stream: is not an image stream of the scenario");
     EXPECT_EQ(error(R"({"images": [{"name": "a", "id": 1}], "selector": {"returnKept": 2}})"),

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -19,6 +20,11 @@ std::atomic<uint64_t> gEnabledTags{0};
 struct Trace {
     std::mutex lock;
     std::vector<vexlor::host::TraceEvent> events;
+    std::function<void(vexlor::host::TraceEvent const&)> sink;
+    void add(vexlor::host::TraceEvent&& e) {
+        if (sink) sink(e);
+        else events.push_back(std::move(e));
+    }
 };
 Trace& trace() {
     static Trace* t = new Trace;
@@ -63,13 +69,13 @@ extern "C" uint64_t atrace_get_enabled_tags() { return gEnabledTags.load(std::me
 extern "C" void atrace_begin_body(const char* name) {
     auto& t = trace();
     std::lock_guard<std::mutex> lk(t.lock);
-    t.events.push_back({true, name ? name : "", tid(), nowNs()});
+    t.add({true, name ? name : "", tid(), nowNs()});
 }
 
 extern "C" void atrace_end_body() {
     auto& t = trace();
     std::lock_guard<std::mutex> lk(t.lock);
-    t.events.push_back({false, "", tid(), nowNs()});
+    t.add({false, "", tid(), nowNs()});
 }
 
 namespace NSCam::Utils::Properties {
@@ -109,6 +115,11 @@ void TraceRecorder::clear() {
     auto& t = trace();
     std::lock_guard<std::mutex> lk(t.lock);
     t.events.clear();
+}
+void TraceRecorder::setSink(std::function<void(TraceEvent const&)> sink) {
+    auto& t = trace();
+    std::lock_guard<std::mutex> lk(t.lock);
+    t.sink = std::move(sink);
 }
 size_t TraceRecorder::countBegins(std::string const& name) {
     size_t n = 0;

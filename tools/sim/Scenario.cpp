@@ -1,5 +1,8 @@
 #include "Scenario.h"
 
+#include <cctype>
+#include <climits>
+#include <algorithm>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -63,17 +66,21 @@ void checkKeys(json const& j, std::string const& where, std::set<std::string> co
 }
 
 int64_t idOf(json const& j, std::string const& where) {
-    if (j.is_number_integer()) return j.get<int64_t>();
+    // Ids are 63-bit: a negative or wider one cannot name a stream.
+    if (j.is_number_unsigned() && j.get<uint64_t>() <= static_cast<uint64_t>(INT64_MAX)) return j.get<int64_t>();
+    if (j.is_number_integer() && j.get<int64_t>() >= 0) return j.get<int64_t>();
     if (j.is_string()) {
         std::string const s = j.get<std::string>();
-        try {
-            size_t used = 0;
-            int64_t v = std::stoll(s, &used, 0);
-            if (used == s.size()) return v;
-        } catch (std::exception const&) {
+        if (!s.empty() && std::isdigit(static_cast<unsigned char>(s[0]))) {
+            try {
+                size_t used = 0;
+                int64_t v = std::stoll(s, &used, 0);
+                if (used == s.size()) return v;
+            } catch (std::exception const&) {
+            }
         }
     }
-    fail(where, "must be a stream id (an integer or a string such as \"0x1a\")");
+    fail(where, "must be a stream id (an integer or a string such as \"0x1a\", from 0 to 2^63-1)");
 }
 
 template <class T>
@@ -87,10 +94,42 @@ T get(json const& j, char const* key, std::string const& where, T fallback) {
     }
 }
 
-template <class T>
-T positive(json const& j, char const* key, std::string const& where, T fallback, T min = 1) {
-    T v = get<T>(j, key, where, fallback);
-    if (v < min) fail(where + "." + key, "must be at least " + std::to_string(min));
+// An integer where one is meant, its range checked before it is converted: JSON numbers such as
+// -1, 3.7 or 2^40 would otherwise wrap or truncate silently into a different scenario.
+int64_t integer(json const& j, char const* key, std::string const& where, int64_t fallback, int64_t min,
+                int64_t max) {
+    auto it = j.find(key);
+    if (it == j.end()) return fallback;
+    std::string const range = "an integer from " + std::to_string(min) + " to " + std::to_string(max);
+    if (!it->is_number()) {
+        fail(where + "." + key, std::string("has the wrong type (") + it->type_name() + "): must be " + range);
+    }
+    bool inRange = false;
+    if (it->is_number_unsigned()) {
+        inRange = it->get<uint64_t>() <= static_cast<uint64_t>(max) && (min <= 0 || it->get<uint64_t>() >= static_cast<uint64_t>(min));
+    } else if (it->is_number_integer()) {
+        inRange = it->get<int64_t>() >= min && it->get<int64_t>() <= max;
+    }
+    if (!inRange) fail(where + "." + key, "must be " + range + " (got " + it->dump() + ")");
+    return it->get<int64_t>();
+}
+
+double number(json const& j, char const* key, std::string const& where, double fallback, double min, double max) {
+    auto it = j.find(key);
+    if (it == j.end()) return fallback;
+    std::ostringstream range;
+    range << "a number from " << min << " to " << max;
+    if (!it->is_number()) {
+        fail(where + "." + key, std::string("has the wrong type (") + it->type_name() + "): must be " + range.str());
+    }
+    double const v = it->get<double>();
+    if (!(v >= min && v <= max)) fail(where + "." + key, "must be " + range.str() + " (got " + it->dump() + ")");
+    return v;
+}
+
+std::string text(json const& j, char const* key, std::string const& where, std::string fallback) {
+    std::string v = get<std::string>(j, key, where, std::move(fallback));
+    if (v.size() > 256) fail(where + "." + key, "must be at most 256 bytes long");
     return v;
 }
 
@@ -114,10 +153,10 @@ char const* sourceName(Source s) {
     return "?";
 }
 
-Scenario parseScenario(std::string const& text) {
+Scenario parseScenario(std::string const& jsonText) {
     json j;
     try {
-        j = json::parse(text);
+        j = json::parse(jsonText);
     } catch (json::parse_error const& e) {
         throw ScenarioError(std::string("not valid JSON: ") + e.what());
     }
@@ -126,14 +165,14 @@ Scenario parseScenario(std::string const& text) {
                         "noTimestampEvery", "recyclable", "images", "metas", "sharedGroups",
                         "selector", "poolChanges", "properties"});
     Scenario s;
-    s.name = get<std::string>(j, "name", root, s.name);
-    s.frames = positive<uint32_t>(j, "frames", root, s.frames);
-    s.fps = get<double>(j, "fps", root, s.fps);
-    if (!(s.fps > 0)) fail(root + ".fps", "must be above 0");
-    s.inFlightDepth = positive<uint32_t>(j, "inFlightDepth", root, s.inFlightDepth);
-    s.resultBatches = positive<uint32_t>(j, "resultBatches", root, s.resultBatches);
-    s.destroyEvery = get<uint32_t>(j, "destroyEvery", root, 0);
-    s.noTimestampEvery = get<uint32_t>(j, "noTimestampEvery", root, 0);
+    constexpr int64_t kEvery = 1000000;  // "one in N" and "every N" knobs
+    s.name = text(j, "name", root, s.name);
+    s.frames = static_cast<uint32_t>(integer(j, "frames", root, s.frames, 1, kMaxFrames));
+    s.fps = number(j, "fps", root, s.fps, kMinFps, kMaxFps);
+    s.inFlightDepth = static_cast<uint32_t>(integer(j, "inFlightDepth", root, s.inFlightDepth, 1, kMaxInFlight));
+    s.resultBatches = static_cast<uint32_t>(integer(j, "resultBatches", root, s.resultBatches, 1, kMaxBatches));
+    s.destroyEvery = static_cast<uint32_t>(integer(j, "destroyEvery", root, 0, 0, kEvery));
+    s.noTimestampEvery = static_cast<uint32_t>(integer(j, "noTimestampEvery", root, 0, 0, kEvery));
     s.recyclable = get<bool>(j, "recyclable", root, true);
 
     std::set<int64_t> ids;
@@ -144,6 +183,7 @@ Scenario parseScenario(std::string const& text) {
     if (images == j.end() || !images->is_array() || images->empty()) {
         fail(root + ".images", "must be a non-empty array of image streams");
     }
+    if (images->size() > 64) fail(root + ".images", "must hold at most 64 image streams");
     for (size_t i = 0; i < images->size(); ++i) {
         json const& e = (*images)[i];
         std::string const where = root + ".images[" + std::to_string(i) + "]";
@@ -151,32 +191,37 @@ Scenario parseScenario(std::string const& text) {
                              "minBuffers", "keep", "triggerAtFrame"});
         ImageStreamCfg c;
         if (!e.contains("name") || !e.contains("id")) fail(where, "needs a name and an id");
-        c.name = get<std::string>(e, "name", where, "");
+        c.name = text(e, "name", where, "");
         c.id = idOf(e["id"], where + ".id");
         claim(c.id, where);
         c.source = sourceOf(get<std::string>(e, "source", where, "pool"), where + ".source");
         c.blob = get<bool>(e, "blob", where, false);
-        c.width = positive<int32_t>(e, "width", where, 640);
-        c.height = positive<int32_t>(e, "height", where, 480);
-        c.maxBuffers = get<size_t>(e, "maxBuffers", where, 4);
-        c.minBuffers = get<size_t>(e, "minBuffers", where, 1);
+        c.width = static_cast<int32_t>(integer(e, "width", where, 640, 1, kMaxBufferBytes));
+        c.height = static_cast<int32_t>(integer(e, "height", where, 480, 1, kMaxBufferBytes));
+        if (int64_t{c.width} * c.height > kMaxBufferBytes) {
+            fail(where, "width x height must be at most " + std::to_string(kMaxBufferBytes) + " (1 GiB)");
+        }
+        // A pool stream needs at least one buffer, or every request of it waits out the time-out.
+        c.maxBuffers = static_cast<size_t>(integer(e, "maxBuffers", where, 4, 1, kMaxBuffers));
+        c.minBuffers = static_cast<size_t>(integer(e, "minBuffers", where, 1, 0, kMaxBuffers));
         if (c.minBuffers > c.maxBuffers) fail(where, "minBuffers is above maxBuffers");
         c.keep = get<bool>(e, "keep", where, false);
         if (e.contains("triggerAtFrame")) {
             if (c.source != Source::Pool) fail(where + ".triggerAtFrame", "only a pool can be deferred");
-            c.triggerAtFrame = get<uint32_t>(e, "triggerAtFrame", where, 0);
+            c.triggerAtFrame = static_cast<uint32_t>(integer(e, "triggerAtFrame", where, 0, 0, kMaxFrames));
         }
         s.images.push_back(c);
     }
     if (auto metas = j.find("metas"); metas != j.end()) {
         if (!metas->is_array()) fail(root + ".metas", "must be an array");
+        if (metas->size() > 64) fail(root + ".metas", "must hold at most 64 metadata streams");
         for (size_t i = 0; i < metas->size(); ++i) {
             json const& e = (*metas)[i];
             std::string const where = root + ".metas[" + std::to_string(i) + "]";
             checkKeys(e, where, {"name", "id", "app", "keep"});
             if (!e.contains("name") || !e.contains("id")) fail(where, "needs a name and an id");
             MetaStreamCfg c;
-            c.name = get<std::string>(e, "name", where, "");
+            c.name = text(e, "name", where, "");
             c.id = idOf(e["id"], where + ".id");
             claim(c.id, where);
             c.app = get<bool>(e, "app", where, false);
@@ -191,12 +236,36 @@ Scenario parseScenario(std::string const& text) {
     }();
     if (auto groups = j.find("sharedGroups"); groups != j.end()) {
         if (!groups->is_array()) fail(root + ".sharedGroups", "must be an array of arrays of stream ids");
+        std::set<int64_t> grouped;
         for (size_t g = 0; g < groups->size(); ++g) {
             std::string const where = root + ".sharedGroups[" + std::to_string(g) + "]";
             if (!(*groups)[g].is_array()) fail(where, "must be an array of stream ids");
             std::vector<int64_t> group;
+            ImageStreamCfg const* first = nullptr;
             for (size_t k = 0; k < (*groups)[g].size(); ++k) {
-                group.push_back(idOf((*groups)[g][k], where + "[" + std::to_string(k) + "]"));
+                std::string const at = where + "[" + std::to_string(k) + "]";
+                int64_t const id = idOf((*groups)[g][k], at);
+                group.push_back(id);
+                auto problem = [&](std::string const& what) {
+                    s.groupProblems.push_back(at + ": stream " + std::to_string(id) + " " + what);
+                };
+                auto img = std::find_if(s.images.begin(), s.images.end(),
+                                        [id](ImageStreamCfg const& c) { return c.id == id; });
+                if (img == s.images.end()) {
+                    bool const meta = std::any_of(s.metas.begin(), s.metas.end(),
+                                                  [id](MetaStreamCfg const& c) { return c.id == id; });
+                    problem(meta ? "is a metadata stream" : "is not a stream of the scenario");
+                    continue;
+                }
+                if (!grouped.insert(id).second) problem("is in more than one group");
+                if (img->source != Source::Pool) {
+                    problem(std::string("is a ") + sourceName(img->source) + " stream, not a POOL one");
+                } else if (first == nullptr) {
+                    first = &*img;
+                } else if (img->blob != first->blob ||
+                           (!img->blob && (img->width != first->width || img->height != first->height))) {
+                    problem("differs in size or format from " + first->name);
+                }
             }
             s.sharedGroups.push_back(group);
         }
@@ -204,17 +273,23 @@ Scenario parseScenario(std::string const& text) {
     if (auto sel = j.find("selector"); sel != j.end()) {
         std::string const where = root + ".selector";
         checkKeys(*sel, where, {"everyFrames", "keepNewest", "holdSelections", "returnKept", "cloneEvery"});
-        s.selector.everyFrames = positive<uint32_t>(*sel, "everyFrames", where, s.selector.everyFrames);
-        s.selector.keepNewest = get<uint32_t>(*sel, "keepNewest", where, s.selector.keepNewest);
-        s.selector.holdSelections = positive<uint32_t>(*sel, "holdSelections", where, s.selector.holdSelections);
-        s.selector.returnKept = get<double>(*sel, "returnKept", where, s.selector.returnKept);
-        if (s.selector.returnKept < 0 || s.selector.returnKept > 1) {
+        auto& c = s.selector;
+        c.everyFrames = static_cast<uint32_t>(integer(*sel, "everyFrames", where, c.everyFrames, 1, kEvery));
+        c.keepNewest = static_cast<uint32_t>(integer(*sel, "keepNewest", where, c.keepNewest, 0, kMaxBuffers));
+        c.holdSelections =
+            static_cast<uint32_t>(integer(*sel, "holdSelections", where, c.holdSelections, 1, kMaxBuffers));
+        if (sel->contains("returnKept") && !(*sel)["returnKept"].is_number()) {
             fail(where + ".returnKept", "must be a probability between 0 and 1");
         }
-        s.selector.cloneEvery = get<uint32_t>(*sel, "cloneEvery", where, s.selector.cloneEvery);
+        c.returnKept = get<double>(*sel, "returnKept", where, c.returnKept);
+        if (c.returnKept < 0 || c.returnKept > 1) {
+            fail(where + ".returnKept", "must be a probability between 0 and 1");
+        }
+        c.cloneEvery = static_cast<uint32_t>(integer(*sel, "cloneEvery", where, c.cloneEvery, 0, kEvery));
     }
     if (auto changes = j.find("poolChanges"); changes != j.end()) {
         if (!changes->is_array()) fail(root + ".poolChanges", "must be an array");
+        if (changes->size() > 1000) fail(root + ".poolChanges", "must hold at most 1000 changes");
         for (size_t i = 0; i < changes->size(); ++i) {
             json const& e = (*changes)[i];
             std::string const where = root + ".poolChanges[" + std::to_string(i) + "]";
@@ -223,19 +298,83 @@ Scenario parseScenario(std::string const& text) {
             if (!e.contains("stream")) fail(where, "needs a stream");
             c.stream = idOf(e["stream"], where + ".stream");
             if (imageIds.count(c.stream) == 0) fail(where + ".stream", "is not an image stream of the scenario");
-            c.atFrame = get<uint32_t>(e, "atFrame", where, 0);
-            c.maxBuffers = positive<int>(e, "maxBuffers", where, 1);
+            c.atFrame = static_cast<uint32_t>(integer(e, "atFrame", where, 0, 0, kMaxFrames));
+            c.maxBuffers = static_cast<int>(integer(e, "maxBuffers", where, 1, 1, kMaxBuffers));
             s.poolChanges.push_back(c);
         }
     }
     if (auto props = j.find("properties"); props != j.end()) {
         if (!props->is_object()) fail(root + ".properties", "must be an object of property: integer");
         for (auto it = props->begin(); it != props->end(); ++it) {
-            if (!it->is_number_integer()) fail(root + ".properties." + it.key(), "must be an integer");
-            s.properties.emplace_back(it.key(), it->get<int>());
+            std::string const where = root + ".properties";
+            int64_t const v = integer(*props, it.key().c_str(), where, 0, INT32_MIN, INT32_MAX);
+            s.properties.emplace_back(it.key(), static_cast<int>(v));
         }
     }
     return s;
+}
+
+std::vector<std::string> starvationWarnings(Scenario const& s, int acquireTimeoutMs) {
+    struct Pool {
+        std::string name;
+        std::vector<ImageStreamCfg const*> members;
+        size_t max = 0;
+    };
+    auto byId = [&](int64_t id) -> ImageStreamCfg const* {
+        for (auto const& c : s.images)
+            if (c.id == id && c.source == Source::Pool) return &c;
+        return nullptr;
+    };
+    std::vector<Pool> pools;
+    std::set<int64_t> placed;
+    for (auto const& g : s.sharedGroups) {
+        Pool p;
+        for (int64_t id : g) {
+            ImageStreamCfg const* c = byId(id);
+            if (c != nullptr && placed.insert(id).second) p.members.push_back(c);
+        }
+        if (!p.members.empty()) pools.push_back(std::move(p));
+    }
+    for (auto const& c : s.images) {
+        if (c.source == Source::Pool && placed.insert(c.id).second) pools.push_back({"", {&c}, 0});
+    }
+    uint64_t const held = uint64_t{s.selector.keepNewest} * s.selector.holdSelections;
+    std::vector<std::string> out;
+    for (auto& p : pools) {
+        size_t kept = 0;
+        std::string names;
+        for (auto const* c : p.members) {
+            p.max = std::max(p.max, c->maxBuffers);  // a shared pool takes its largest member's maximum
+            kept += c->keep;
+            names += (names.empty() ? "" : ", ");
+            for (unsigned char ch : c->name) names += (ch < 0x20 || ch == 0x7f) ? '?' : static_cast<char>(ch);
+        }
+        uint64_t const inFlight = uint64_t{s.inFlightDepth} * p.members.size();
+        uint64_t const need = inFlight + held * kept;
+        auto warn = [&](size_t max, std::string const& when) {
+            if (max >= need) return;
+            double const worstSeconds =
+                static_cast<double>(s.frames) * p.members.size() * acquireTimeoutMs / 1000.0;
+            char line[512];
+            std::snprintf(line, sizeof line,
+                          "this scenario starves stream%s %s%s: its pool has %zu buffer%s and needs %llu (%llu "
+                          "in flight, %llu held by the selector); each starved request waits up to %d ms, "
+                          "at worst %.0f s over %u frames",
+                          p.members.size() > 1 ? "s" : "", names.c_str(), when.c_str(), max, max == 1 ? "" : "s",
+                          static_cast<unsigned long long>(need), static_cast<unsigned long long>(inFlight),
+                          static_cast<unsigned long long>(held * kept), acquireTimeoutMs, worstSeconds, s.frames);
+            out.emplace_back(line);
+        };
+        warn(p.max, "");
+        for (auto const& c : s.poolChanges) {
+            bool const ours = std::any_of(p.members.begin(), p.members.end(),
+                                          [&](ImageStreamCfg const* m) { return m->id == c.stream; });
+            if (ours && c.atFrame < s.frames) {
+                warn(static_cast<size_t>(c.maxBuffers), " from frame " + std::to_string(c.atFrame));
+            }
+        }
+    }
+    return out;
 }
 
 Scenario loadScenario(std::string const& path) {

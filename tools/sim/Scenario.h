@@ -9,6 +9,17 @@
 
 namespace fbmsim {
 
+// Bounds of a scenario, checked before any value is converted. A pool of more than 64 buffers or
+// a frame in more than 64 batches is no camera's; the frame rate bounds keep timestamps of the
+// longest run within 64 bits.
+constexpr int64_t kMaxFrames = 100000000;
+constexpr int64_t kMaxBuffers = 64;
+constexpr int64_t kMaxBatches = 64;
+constexpr int64_t kMaxInFlight = 64;
+constexpr int64_t kMaxBufferBytes = int64_t{1} << 30;  // width x height of one plane
+constexpr double kMinFps = 0.1;
+constexpr double kMaxFps = 1000;
+
 enum class Source { Pool, Runtime, HalProvider, AppProvider };
 char const* sourceName(Source s);
 
@@ -61,12 +72,20 @@ struct Scenario {
     SelectorCfg selector;
     std::vector<PoolChange> poolChanges;
     std::vector<std::pair<std::string, int>> properties;  // set before the manager is built
+    // Sharing groups the library will refuse in part (an unknown, non-pool or metadata stream, a
+    // stream in two groups, members of different sizes), each with its place in the file.
+    std::vector<std::string> groupProblems;
 };
 
 // A scenario file that cannot be used; the message names the problem and where it is.
 struct ScenarioError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+
+// Pools the scenario will starve: a pool with fewer buffers than its frames in flight and the sets
+// the selector holds makes every starved request wait out the acquire time-out. One line per
+// pool (and per planned change that starves it), with an estimate of the cost.
+std::vector<std::string> starvationWarnings(Scenario const& s, int acquireTimeoutMs);
 
 Scenario parseScenario(std::string const& jsonText);  // throws ScenarioError
 Scenario loadScenario(std::string const& path);       // throws ScenarioError

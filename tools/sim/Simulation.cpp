@@ -173,6 +173,7 @@ private:
     Clock::time_point mStart;
     uint32_t mSampleEvery = 1;
     int mLastPercent = -1;
+    Clock::time_point mNextProgressLine;
 };
 
 bool Simulation::configure() {
@@ -489,6 +490,17 @@ void Simulation::checkLeaks(RunReport& r) {
 }
 
 void Simulation::progress(uint32_t f, bool done) {
+    if (mOpt.progressLines) {
+        // A log keeps every line: one every few seconds says the run is alive and how far it is.
+        auto const now = Clock::now();
+        if (!done && now < mNextProgressLine) return;
+        mNextProgressLine = now + std::chrono::seconds(5);
+        std::fprintf(stderr, "fbm-sim: %s frame %u of %u (%d%%) after %.1f s, %llu acquire time-outs\n",
+                     done ? "done:" : "at", f, mSc.frames, static_cast<int>(100.0 * f / mSc.frames),
+                     std::chrono::duration<double>(now - mStart).count(),
+                     static_cast<unsigned long long>(mR.acquireTimeouts));
+        return;
+    }
     if (!mOpt.progress) return;
     int const percent = static_cast<int>(100.0 * f / mSc.frames);
     if (percent == mLastPercent && !done) return;
@@ -506,6 +518,7 @@ RunReport Simulation::run() {
     mR.fps = mSc.fps;
     mR.seed = mOpt.seed;
     mR.resultThreads = mOpt.resultThreads;
+    mR.realtime = mOpt.realtime;
     mDispatchRng.seed(mOpt.seed * 7919 + 1);
     mSelRng.seed(mOpt.seed * 104729 + 3);
     if (!mOpt.traceFile.empty()) host::TraceRecorder::setEnabledTags(ATRACE_TAG_CAMERA);
@@ -522,6 +535,10 @@ RunReport Simulation::run() {
 
     mSampleEvery = std::max<uint32_t>(1, mSc.frames / 400);
     mStart = Clock::now();
+    mNextProgressLine = mStart + std::chrono::seconds(5);
+    if (mOpt.progressLines) {
+        std::fprintf(stderr, "fbm-sim: running %u frames of scenario \"%s\"\n", mSc.frames, mSc.name.c_str());
+    }
     for (uint32_t f = 0; f < mSc.frames; ++f) {
         if (mOpt.realtime) std::this_thread::sleep_until(mStart + std::chrono::duration<double>(f / mSc.fps));
         frame(f);
@@ -582,7 +599,7 @@ void printReport(RunReport const& r, std::ostream& out) {
         std::snprintf(line, sizeof line, fmt, args...);
         out << line;
     };
-    print("fbm-sim: scenario \"%s\", %u frames at %.0f fps, seed %llu, %d result thread%s\n",
+    print("fbm-sim: scenario \"%s\", %u frames at %g fps, seed %llu, %d result thread%s\n",
           r.scenario.c_str(), r.frames, r.fps, static_cast<unsigned long long>(r.seed), r.resultThreads,
           r.resultThreads == 1 ? "" : "s");
     print("\nframes      completed %llu, destroyed %llu, released without timestamp %llu, kept nothing %llu\n",
@@ -609,8 +626,12 @@ void printReport(RunReport const& r, std::ostream& out) {
         print("%-14s %10llu %10.1f %10.1f %10.1f\n", sourceName(source), (unsigned long long)h.count(),
               h.quantile(0.5) / 1000.0, h.quantile(0.99) / 1000.0, h.max() / 1000.0);
     }
-    print("\n%.0f frames/s (%u frames in %.2f s)\n", r.seconds > 0 ? r.frames / r.seconds : 0.0, r.frames,
-          r.seconds);
+    double const reached = r.seconds > 0 ? r.frames / r.seconds : 0.0;
+    print("\n%.0f frames/s (%u frames in %.2f s)\n", reached, r.frames, r.seconds);
+    if (r.realtime && reached < 0.95 * r.fps) {
+        print("realtime: paced at %g fps but reached %.3g fps: this host cannot keep up with the frame rate\n",
+              r.fps, reached);
+    }
     if (r.series.size() >= 2) {
         // Steady state: from a tenth of the run on, after the pools have grown to their size.
         auto const& early = r.series[r.series.size() / 10];
@@ -619,101 +640,6 @@ void printReport(RunReport const& r, std::ostream& out) {
               early.frame, late.residentMb, late.frame, r.peakResidentMb);
     }
     print("leak check: %s\n", r.leakText.c_str());
-}
-
-bool writeSeries(RunReport const& r, std::string const& path, std::string& error) {
-    std::ofstream out(path);
-    if (!out) {
-        error = path + ": cannot be written";
-        return false;
-    }
-    std::set<std::string> names;
-    for (auto const& row : r.series)
-        for (auto const& [name, v] : row.pools) names.insert(name);
-    out << "frame\tseconds\treadyList\tresidentMb";
-    for (auto const& n : names) out << "\t" << n << ".allocated\t" << n << ".inUse\t" << n << ".available";
-    out << "\n";
-    for (auto const& row : r.series) {
-        out << row.frame << "\t" << row.seconds << "\t" << row.readyList << "\t" << row.residentMb;
-        for (auto const& n : names) {
-            auto it = row.pools.find(n);
-            int64_t const a = it == row.pools.end() ? 0 : it->second.first;
-            int64_t const u = it == row.pools.end() ? 0 : it->second.second;
-            out << "\t" << a << "\t" << u << "\t" << (a - u);
-        }
-        out << "\n";
-    }
-    return true;
-}
-
-bool renderPlot(std::string const& seriesPath, std::string const& pngPath, RunReport const& r,
-                std::string& error) {
-    if (std::system("command -v gnuplot >/dev/null 2>&1") != 0) {
-        error = "gnuplot is not installed (scripts/ensure-deps.sh sim)";
-        return false;
-    }
-    std::set<std::string> names;
-    for (auto const& row : r.series)
-        for (auto const& [name, v] : row.pools) names.insert(name);
-    std::string const script = pngPath + ".gp";
-    {
-        std::ofstream gp(script);
-        gp << "set terminal pngcairo size 1200,800 noenhanced\n"
-           << "set output '" << pngPath << "'\n"
-           << "set datafile separator '\\t'\n"
-           << "set key outside right\nset offsets 0, 0, 1, 0\nset yrange [0:*]\n"
-           << "set multiplot layout 2,1 title 'fbm-sim: " << r.scenario << ", " << r.frames << " frames'\n"
-           << "set title 'heaps in use per heap pool (dashed: allocated)'\nset xlabel 'frame'\nset ylabel 'heaps'\n"
-           << "plot ";
-        int col = 5, i = 0;
-        for (auto const& n : names) {
-            if (i) gp << ", ";
-            gp << "'" << seriesPath << "' using 1:" << col + 1 << " with lines lw 2 lc " << i + 1 << " title '"
-               << n << " in use', '' using 1:" << col << " with lines dt 2 lc " << i + 1 << " notitle";
-            col += 3;
-            ++i;
-        }
-        gp << "\nset title 'history sets on the ready list'\nset ylabel 'sets'\n"
-           << "plot '" << seriesPath << "' using 1:3 with lines lw 2 title 'ready list'\n"
-           << "unset multiplot\n";
-    }
-    std::string const cmd = "gnuplot '" + script + "' 2>&1";
-    if (std::system(cmd.c_str()) != 0) {
-        error = "gnuplot failed on " + script;
-        return false;
-    }
-    std::remove(script.c_str());
-    return true;
-}
-
-bool writeTrace(std::string const& path, std::string& error) {
-    std::ofstream out(path);
-    if (!out) {
-        error = path + ": cannot be written";
-        return false;
-    }
-    auto const events = host::TraceRecorder::events();
-    int64_t const t0 = events.empty() ? 0 : events.front().timeNs;
-    out << "{\"displayTimeUnit\":\"ns\",\"traceEvents\":[\n";
-    bool first = true;
-    for (auto const& e : events) {
-        if (!first) out << ",\n";
-        first = false;
-        char ts[32];
-        std::snprintf(ts, sizeof ts, "%.3f", (e.timeNs - t0) / 1000.0);
-        out << "{\"ph\":\"" << (e.begin ? "B" : "E") << "\",\"pid\":1,\"tid\":" << e.tid << ",\"ts\":" << ts;
-        if (e.begin) {
-            std::string name;
-            for (char c : e.name) {
-                if (c == '"' || c == '\\') name += '\\';
-                name += c;
-            }
-            out << ",\"name\":\"" << name << "\"";
-        }
-        out << "}";
-    }
-    out << "\n]}\n";
-    return true;
 }
 
 }  // namespace fbmsim

@@ -25,7 +25,8 @@ struct Options {
     std::string traceFile;
     std::string seriesFile;
     std::string plotFile;
-    bool progress = false;
+    bool progress = false;       // a bar on a terminal
+    bool progressLines = false;  // a line every few seconds, for logs
     bool injectLeak = false;  // the pipeline forgets one buffer: proves the leak check
 };
 
@@ -53,6 +54,7 @@ struct RunReport {
     double fps = 0;
     uint64_t seed = 0;
     int resultThreads = 0;
+    bool realtime = false;
     uint64_t completed = 0;      // frames that reached the ready list
     uint64_t destroyed = 0;
     uint64_t noTimestamp = 0;
@@ -81,9 +83,4 @@ struct RunReport {
 RunReport runSimulation(Scenario const& scenario, Options const& options, std::ostream& dumpOut);
 
 void printReport(RunReport const& report, std::ostream& out);
-bool writeSeries(RunReport const& report, std::string const& path, std::string& error);
-bool renderPlot(std::string const& seriesPath, std::string const& pngPath, RunReport const& report,
-                std::string& error);
-bool writeTrace(std::string const& path, std::string& error);
-
 }  // namespace fbmsim

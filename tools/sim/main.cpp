@@ -2,12 +2,17 @@
 // capture camera, runs frames through it from several threads, and reports what happened.
 #include <unistd.h>
 
+#include <charconv>
+#include <cmath>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
 #include <vexlor/HostSeams.h>
 
+#include "Outputs.h"
 #include "Scenario.h"
 #include "Simulation.h"
 
@@ -21,47 +26,110 @@ int usageError(std::string const& message) {
     return kExitUsage;
 }
 
+// Numbers on the command line are read whole and checked before they are converted: "1e3",
+// "-1" or "4294967296" are refused with what is wrong, never wrapped or cut.
+bool wholeNumber(std::string const& text, int64_t min, int64_t max, int64_t& out, std::string& why,
+                 bool allowHex = false) {
+    std::string_view v = text;
+    bool const negative = !v.empty() && v.front() == '-';
+    if (negative) v.remove_prefix(1);
+    int base = 10;
+    if (allowHex && v.size() > 2 && v[0] == '0' && (v[1] == 'x' || v[1] == 'X')) {
+        v.remove_prefix(2);
+        base = 16;
+    }
+    uint64_t magnitude = 0;
+    auto const [end, ec] = std::from_chars(v.data(), v.data() + v.size(), magnitude, base);
+    bool const digits = !v.empty() && v.front() != '+' && end == v.data() + v.size();
+    std::string const range = "from " + std::to_string(min) + " to " + std::to_string(max);
+    if (!digits && ec != std::errc::result_out_of_range) {
+        why = "is not a whole number; give it as digits, " + range;
+        return false;
+    }
+    // 128 bits hold any 64-bit magnitude with its sign: the range test sees the true value.
+    __int128 const value = negative ? -static_cast<__int128>(magnitude) : static_cast<__int128>(magnitude);
+    if (ec == std::errc::result_out_of_range || value < min || value > max) {
+        why = "is out of range: must be " + range;
+        return false;
+    }
+    out = static_cast<int64_t>(value);
+    return true;
+}
+
+// A plain decimal number ("29.97", "30"); no hex, infinity or NaN.
+bool decimalNumber(std::string const& text, double min, double max, char const* unit, double& out,
+                   std::string& why) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "from %g to %g %s", min, max, unit);
+    char* end = nullptr;
+    bool const plain = !text.empty() && text.find_first_of("xXnNiI") == std::string::npos &&
+                       !std::isspace(static_cast<unsigned char>(text.front()));
+    double const v = plain ? std::strtod(text.c_str(), &end) : 0;
+    if (!plain || end != text.c_str() + text.size() || !std::isfinite(v)) {
+        why = std::string("is not a number; give it ") + buf;
+        return false;
+    }
+    if (v < min || v > max) {
+        why = std::string("is out of range: must be ") + buf;
+        return false;
+    }
+    out = v;
+    return true;
+}
+
+int acquireTimeoutMs(std::vector<std::pair<std::string, int>> const& scenarioProps,
+                     std::vector<std::pair<std::string, int>> const& commandLineProps) {
+    int ms = 1500;
+    for (auto const* list : {&scenarioProps, &commandLineProps}) {
+        for (auto const& [key, value] : *list) {
+            if (key == "vendor.debug.camera.pipeline.fbm.acquire.timeout") ms = value;
+        }
+    }
+    return ms;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     using namespace fbmsim;
+    // gnuplot may go before it has read its script: a write to it must fail, not end this process.
+    std::signal(SIGPIPE, SIG_IGN);
     CLI::App app{
         "fbm-sim: runs a frame buffer manager like a camera pipeline and reports what happened.\n"
-        "Exit status: 0 when every buffer came back, 1 when anything was lost, 2 for bad usage."};
+        "Exit status: 0 when every buffer came back, 1 when anything was lost or an output could not be "
+        "written, 2 for bad usage."};
     app.get_formatter()->column_width(34);
 
     Options opt;
-    std::string scenarioFile;
-    uint32_t frames = 0;
-    double fps = 0;
+    std::string scenarioFile, framesText, fpsText, seedText, threadsText, levelText;
     std::vector<std::string> props;
     bool printScenario = false;
     bool noProgress = false;
+    bool allowBadGroups = false;
     app.add_option("--scenario", scenarioFile,
                    "JSON file describing streams, sharing groups, pool sizes and the selector "
-                   "(default: the built-in scenario, also in tools/scenarios/default.json)")
-        ->check(CLI::ExistingFile);
-    app.add_option("-n,--frames", frames, "frames to run (default: the scenario's)")->check(CLI::Range(1u, 100000000u));
-    app.add_option("--fps", fps, "frame rate of the simulated timestamps (default: the scenario's)")
-        ->check(CLI::PositiveNumber);
-    app.add_option("--seed", opt.seed, "random seed; the same seed gives the same frame plan and counts");
-    app.add_option("--result-threads", opt.resultThreads,
-                   "threads returning results; 0 returns them, and selects, on the requesting thread, "
-                   "which makes every count repeatable")
-        ->check(CLI::Range(0, 16));
+                   "(default: the built-in scenario, also in tools/scenarios/default.json)");
+    app.add_option("-n,--frames", framesText, "frames to run, 1 to 100000000 (default: the scenario's)");
+    app.add_option("--fps", fpsText, "frame rate of the simulated timestamps, 0.1 to 1000 (default: the scenario's)");
+    app.add_option("--seed", seedText, "random seed; the same seed gives the same frame plan and counts");
+    app.add_option("--result-threads", threadsText,
+                   "threads returning results, 0 to 16 (default 2); 0 returns them, and selects, on the "
+                   "requesting thread, which makes every count repeatable");
     app.add_flag("--realtime", opt.realtime, "pace frames at the frame rate instead of as fast as possible");
     app.add_option("--prop", props,
                    "system property key=value, e.g. vendor.debug.camera.pipeline.fbm.acquire.timeout=200 "
                    "or vendor.debug.camera.log.pipeline.fbm=2 (repeatable)");
     app.add_flag("--logcat", opt.logcat, "print the manager's log lines to standard error, logcat-like");
-    app.add_option("--log-level", opt.logLevel, "unified log detail level: 1 error, 2 warning, 3 info, 5 debug")
-        ->check(CLI::Range(0, 5));
+    app.add_option("--log-level", levelText, "unified log detail level: 1 error, 2 warning, 3 info, 5 debug");
     app.add_flag("--dump", opt.dump, "print the manager's state dump at the end of the run");
     app.add_option("--trace", opt.traceFile, "write the run's trace sections as JSON (opens in ui.perfetto.dev)");
     app.add_option("--series", opt.seriesFile, "write pool occupancy and ready-list length over the run (TSV)");
     app.add_option("--plot", opt.plotFile, "render the series as a PNG plot (needs gnuplot)");
-    app.add_flag("--no-progress", noProgress, "no progress bar on standard error");
+    app.add_flag("--no-progress", noProgress,
+                 "no progress on standard error (a bar on a terminal, else a line every 5 s)");
     app.add_flag("--print-scenario", printScenario, "print the built-in scenario as JSON and exit");
+    app.add_flag("--allow-bad-groups", allowBadGroups,
+                 "run a scenario whose sharing groups the library will refuse in part, to watch it do so");
     app.add_flag("--inject-leak", opt.injectLeak,
                  "the pipeline forgets to release one pooled buffer (shows the leak check failing)");
 
@@ -77,12 +145,37 @@ int main(int argc, char** argv) {
         std::cout << defaultScenarioJson();
         return 0;
     }
+    int64_t frames = 0, threads = opt.resultThreads, level = opt.logLevel;
+    double fps = 0;
+    std::string why;
+    if (!framesText.empty() && !wholeNumber(framesText, 1, kMaxFrames, frames, why)) {
+        return usageError("--frames " + framesText + ": " + why);
+    }
+    if (!fpsText.empty() && !decimalNumber(fpsText, kMinFps, kMaxFps, "frames a second", fps, why)) {
+        return usageError("--fps " + fpsText + ": " + why);
+    }
+    if (!seedText.empty()) {
+        uint64_t v = 0;
+        auto const [end, ec] = std::from_chars(seedText.data(), seedText.data() + seedText.size(), v);
+        if (ec != std::errc() || end != seedText.data() + seedText.size()) {
+            return usageError("--seed " + seedText + ": must be a whole number from 0 to 18446744073709551615");
+        }
+        opt.seed = v;
+    }
+    if (!threadsText.empty() && !wholeNumber(threadsText, 0, 16, threads, why)) {
+        return usageError("--result-threads " + threadsText + ": " + why);
+    }
+    if (!levelText.empty() && !wholeNumber(levelText, 0, 5, level, why)) {
+        return usageError("--log-level " + levelText + ": " + why);
+    }
+    opt.resultThreads = static_cast<int>(threads);
+    opt.logLevel = static_cast<int>(level);
     for (auto const& p : props) {
         auto const eq = p.find('=');
-        char* end = nullptr;
-        long const value = eq == std::string::npos ? 0 : std::strtol(p.c_str() + eq + 1, &end, 0);
-        if (eq == std::string::npos || eq == 0 || end == p.c_str() + eq + 1 || *end != '\0') {
-            return usageError("--prop " + p + ": expected key=integer");
+        int64_t value = 0;
+        if (eq == std::string::npos || eq == 0) return usageError("--prop " + p + ": expected key=integer");
+        if (!wholeNumber(p.substr(eq + 1), INT32_MIN, INT32_MAX, value, why, true)) {
+            return usageError("--prop " + p + ": expected key=integer; the value " + why);
         }
         opt.props.emplace_back(p.substr(0, eq), static_cast<int>(value));
     }
@@ -93,31 +186,66 @@ int main(int argc, char** argv) {
     } catch (ScenarioError const& e) {
         return usageError(std::string("bad scenario: ") + e.what());
     }
-    if (frames != 0) scenario.frames = frames;
+    if (frames != 0) scenario.frames = static_cast<uint32_t>(frames);
     if (fps != 0) scenario.fps = fps;
-    if (!opt.plotFile.empty() && opt.seriesFile.empty()) opt.seriesFile = opt.plotFile + ".tsv";
+    std::string const place = scenarioFile.empty() ? "" : scenarioFile + ": ";
+    for (auto const& problem : scenario.groupProblems) {
+        if (allowBadGroups) {
+            std::cerr << "fbm-sim: WARNING: " << place << problem << ": the library will refuse it\n";
+        } else {
+            std::cerr << "fbm-sim: bad scenario: " << place << problem << "\n";
+        }
+    }
+    if (!scenario.groupProblems.empty() && !allowBadGroups) {
+        return usageError("bad sharing groups: the library would refuse them in part "
+                          "(--allow-bad-groups runs the scenario to watch it do so)");
+    }
+    for (auto const& warning : starvationWarnings(scenario, acquireTimeoutMs(scenario.properties, opt.props))) {
+        std::cerr << "fbm-sim: warning: " << warning << "\n";
+    }
+
+    // Every output is made before the run: a bad path costs nothing.
+    std::string error;
+    TraceWriter trace;
+    OutputFile series;
+    PlotWriter plot;
+    if (!opt.traceFile.empty() && !trace.open(opt.traceFile, error)) return usageError("--trace " + error);
+    if (!opt.plotFile.empty() && !plot.prepare(opt.plotFile, opt.seriesFile, error)) return usageError("--plot " + error);
+    std::string const seriesPath = opt.plotFile.empty() ? opt.seriesFile : plot.seriesPath();
+    if (!seriesPath.empty() && !series.open(seriesPath, error)) return usageError("--series " + error);
 
     // Logging: nothing is kept in memory (long runs); the log goes to stderr when asked.
     vexlor::host::LogCapture::setCapturing(false);
     vexlor::host::LogCapture::setEcho(opt.logcat);
     vexlor::host::setULogSwitches(static_cast<uint32_t>(opt.logLevel), opt.logLevel >= 3 ? 0x207000 : 0,
                                   opt.logcat ? 1 : 0);
-    opt.progress = !noProgress && !opt.logcat && isatty(STDERR_FILENO);
+    bool const terminal = isatty(STDERR_FILENO) != 0;
+    opt.progress = !noProgress && !opt.logcat && terminal;
+    opt.progressLines = !noProgress && !opt.logcat && !terminal;
 
+    if (!opt.traceFile.empty()) trace.start();
     RunReport report = runSimulation(scenario, opt, std::cout);
     printReport(report, std::cout);
-    std::string error;
-    if (!opt.seriesFile.empty()) {
-        if (writeSeries(report, opt.seriesFile, error)) std::cout << "series: " << opt.seriesFile << "\n";
-        else std::cerr << "fbm-sim: " << error << "\n";
+    bool written = true;
+    auto failed = [&](std::string const& message) {
+        std::cerr << "fbm-sim: " << message << "\n";
+        written = false;
+    };
+    if (series.isOpen()) {
+        writeSeries(report, series.out());
+        if (!series.close(error)) failed(error);
+        else if (!opt.seriesFile.empty()) std::cout << "series: " << opt.seriesFile << "\n";
     }
-    if (!opt.plotFile.empty()) {
-        if (renderPlot(opt.seriesFile, opt.plotFile, report, error)) std::cout << "plot: " << opt.plotFile << "\n";
-        else std::cerr << "fbm-sim: " << error << "\n";
+    if (!opt.plotFile.empty() && written) {
+        if (plot.render(report, error)) std::cout << "plot: " << opt.plotFile << "\n";
+        else failed(error);
     }
     if (!opt.traceFile.empty()) {
-        if (writeTrace(opt.traceFile, error)) std::cout << "trace: " << opt.traceFile << "\n";
-        else std::cerr << "fbm-sim: " << error << "\n";
+        if (trace.finish(error)) std::cout << "trace: " << opt.traceFile << "\n";
+        else failed(error);
     }
-    return report.leakFree ? 0 : kExitLost;
+    std::cout.flush();
+    if (!std::cout) return kExitLost;  // the report itself could not be written
+    return report.leakFree && written ? 0 : kExitLost;
 }
+

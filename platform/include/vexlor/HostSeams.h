@@ -70,6 +70,9 @@ public:
     static std::vector<TraceEvent> events();
     static void clear();
     static size_t countBegins(std::string const& name);
+    // While set, every event goes to the sink instead of being kept (a long run streams its trace
+    // to a file). Called under the recorder's lock, one event at a time, on the tracing thread.
+    static void setSink(std::function<void(TraceEvent const&)> sink);
 };
 
 // ---- heaps ---------------------------------------------------------------------------------

@@ -1,0 +1,109 @@
+#pragma once
+// Runs the built simulator as a user does, without a shell: an argument vector, its standard
+// output and error together, its exit status, and a time limit after which it is killed.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace simtest {
+
+struct SimRun {
+    int exitCode = -1;  // -1: killed by a signal (or by the time limit)
+    bool timedOut = false;
+    std::string out;  // stdout and stderr
+};
+
+struct SimSpawn {
+    std::vector<std::string> args;  // after the program
+    std::vector<std::string> env;   // extra NAME=value entries
+    std::chrono::seconds limit{120};
+    bool noProgress = true;
+};
+
+inline SimRun runSim(SimSpawn const& how) {
+    std::vector<std::string> argv{FBM_SIM_PATH};
+    if (how.noProgress) argv.emplace_back("--no-progress");
+    argv.insert(argv.end(), how.args.begin(), how.args.end());
+    std::vector<char*> cargv;
+    for (auto& a : argv) cargv.push_back(a.data());
+    cargv.push_back(nullptr);
+    std::vector<std::string> envStore;
+    for (char** e = environ; *e != nullptr; ++e) {
+        std::string const entry = *e;
+        bool replaced = false;
+        for (auto const& mine : how.env) replaced |= entry.compare(0, mine.find('=') + 1, mine, 0, mine.find('=') + 1) == 0;
+        if (!replaced) envStore.push_back(entry);
+    }
+    envStore.insert(envStore.end(), how.env.begin(), how.env.end());
+    std::vector<char*> cenv;
+    for (auto& e : envStore) cenv.push_back(e.data());
+    cenv.push_back(nullptr);
+
+    SimRun r;
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return r;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], STDERR_FILENO);
+    pid_t pid = -1;
+    int const spawned = posix_spawn(&pid, cargv[0], &actions, nullptr, cargv.data(), cenv.data());
+    posix_spawn_file_actions_destroy(&actions);
+    close(fds[1]);
+    if (spawned != 0) {
+        close(fds[0]);
+        r.out = std::string("cannot run ") + FBM_SIM_PATH + ": " + std::strerror(spawned);
+        return r;
+    }
+    // The watchdog kills a run that outlives its limit; reading on stops at the pipe's end.
+    std::mutex lock;
+    std::condition_variable cond;
+    bool done = false;
+    std::thread watchdog([&] {
+        std::unique_lock<std::mutex> lk(lock);
+        if (!cond.wait_for(lk, how.limit, [&] { return done; })) {
+            r.timedOut = true;
+            kill(pid, SIGKILL);
+        }
+    });
+    std::array<char, 4096> buf;
+    for (;;) {
+        ssize_t const n = read(fds[0], buf.data(), buf.size());
+        if (n > 0) r.out.append(buf.data(), static_cast<size_t>(n));
+        else if (n == 0 || errno != EINTR) break;
+    }
+    close(fds[0]);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    {
+        std::lock_guard<std::mutex> lk(lock);
+        done = true;
+    }
+    cond.notify_one();
+    watchdog.join();
+    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return r;
+}
+
+inline SimRun runSim(std::vector<std::string> args) { 
+    SimSpawn how;
+    how.args = std::move(args);
+    return runSim(how);
+}
+
+}  // namespace simtest
