@@ -268,7 +268,7 @@ TEST(SimulatorInput, BadSharingGroupsAreRefusedOrRunLoudly) {
                                 "scenario.sharedGroups[1][0]: stream 1 is in more than one group",
                                 "scenario.sharedGroups[1][1]: stream 3 is a metadata stream",
                                 "scenario.sharedGroups[1][2]: stream 9 is not a stream of the scenario",
-                                "scenario.sharedGroups[1][3]: stream 4 is a RUNTIME stream, not a POOL one"}) {
+                                "scenario.sharedGroups[1][3]: stream 4 is not a POOL stream (it is RUNTIME)"}) {
         EXPECT_TRUE(has(r, std::string("fbm-sim: bad scenario: ") + file + ": " + problem)) << problem << "\n" << r.out;
     }
     EXPECT_FALSE(has(r, "leak check:"));

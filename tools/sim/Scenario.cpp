@@ -259,7 +259,7 @@ Scenario parseScenario(std::string const& jsonText) {
                 }
                 if (!grouped.insert(id).second) problem("is in more than one group");
                 if (img->source != Source::Pool) {
-                    problem(std::string("is a ") + sourceName(img->source) + " stream, not a POOL one");
+                    problem(std::string("is not a POOL stream (it is ") + sourceName(img->source) + ")");
                 } else if (first == nullptr) {
                     first = &*img;
                 } else if (img->blob != first->blob ||
@@ -359,7 +359,7 @@ std::vector<std::string> starvationWarnings(Scenario const& s, int acquireTimeou
             std::snprintf(line, sizeof line,
                           "this scenario starves stream%s %s%s: its pool has %zu buffer%s and needs %llu (%llu "
                           "in flight, %llu held by the selector); each starved request waits up to %d ms, "
-                          "at worst %.0f s over %u frames",
+                          "at worst %.3g s over %u frames",
                           p.members.size() > 1 ? "s" : "", names.c_str(), when.c_str(), max, max == 1 ? "" : "s",
                           static_cast<unsigned long long>(need), static_cast<unsigned long long>(inFlight),
                           static_cast<unsigned long long>(held * kept), acquireTimeoutMs, worstSeconds, s.frames);
