@@ -12,8 +12,12 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
+#include <map>
 #include <mutex>
 #include <shared_mutex>
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace {
 
@@ -154,8 +158,28 @@ std::shared_ptr<IMetaStreamInfo> makeMetaStreamInfo(std::string const& name, Str
 // ---- heaps -------------------------------------------------------------------------------------
 namespace {
 
+struct HeapMemoryStats {
+    int64_t bytes = 0;
+    int64_t peakBytes = 0;
+    int64_t heaps = 0;
+    int64_t peakHeaps = 0;
+    void add(int64_t size) {
+        bytes += size;
+        ++heaps;
+        peakBytes = std::max(peakBytes, bytes);
+        peakHeaps = std::max(peakHeaps, heaps);
+    }
+    void remove(int64_t size) {
+        bytes -= size;
+        --heaps;
+    }
+};
+
 struct HeapStats {
     std::mutex lock;
+    std::map<std::string, HeapMemoryStats> byName;
+    HeapMemoryStats total;
+    std::atomic<bool> realMemory{false};
     std::condition_variable cond;
     int64_t created = 0;
     int64_t alive = 0;
@@ -171,12 +195,27 @@ HeapStats& heapStats() {
     return *s;
 }
 
+// Real memory for a heap: an anonymous mapping whose every page is touched now, so resident
+// memory and the time to allocate are those of a device allocation. Null when it cannot be had.
+void* mapTouched(int64_t bytes) {
+    if (bytes <= 0) return nullptr;
+    void* p = mmap(nullptr, static_cast<size_t>(bytes), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED) return nullptr;
+    long const page = sysconf(_SC_PAGESIZE);
+    for (int64_t at = 0; at < bytes; at += page) static_cast<volatile char*>(p)[at] = 1;
+    return p;
+}
+
 class HostHeap : public nivo::IImageBufferHeap {
 public:
-    explicit HostHeap(std::string name) : mName(std::move(name)) {}
+    HostHeap(std::string name, int64_t bytes, void* memory)
+        : mName(std::move(name)), mBytes(bytes), mMemory(memory) {}
     ~HostHeap() override {
+        if (mMemory != nullptr) munmap(mMemory, static_cast<size_t>(mBytes));
         auto& s = heapStats();
         std::lock_guard<std::mutex> lk(s.lock);
+        s.byName[mName].remove(mBytes);
+        s.total.remove(mBytes);
         --s.alive;
         ++s.events;
         s.cond.notify_all();
@@ -185,7 +224,11 @@ public:
 
 private:
     std::string mName;
+    int64_t mBytes;
+    void* mMemory;  // owned; null unless heaps are real memory
 };
+
+bool isBlobFormat(uint32_t format) { return format == 0x21 || format == 0x2300; }
 
 }  // namespace
 
@@ -203,8 +246,17 @@ std::shared_ptr<IImageBufferHeap> IImageBufferHeapFactory::create(
     }
     if (hook) hook();
     if (takeFailure(s.failNext)) return nullptr;
-    auto heap = std::make_shared<HostHeap>(heapName ? heapName : "");
+    int64_t const bytes = vexlor::host::HeapFactory::sizeOf(param);
+    void* memory = nullptr;
+    if (s.realMemory.load() && bytes > 0) {
+        memory = mapTouched(bytes);
+        if (memory == nullptr) return nullptr;  // as a device allocation that failed
+    }
+    std::string name = heapName ? heapName : "";
+    auto heap = std::make_shared<HostHeap>(name, bytes, memory);
     std::lock_guard<std::mutex> lk(s.lock);
+    s.byName[name].add(bytes);
+    s.total.add(bytes);
     if (s.live.size() >= 64 && s.live.size() >= 2 * static_cast<size_t>(s.alive)) {
         s.live.erase(std::remove_if(s.live.begin(), s.live.end(), [](auto const& w) { return w.expired(); }),
                      s.live.end());
@@ -456,6 +508,43 @@ std::map<std::string, HeapFactory::Occupancy> HeapFactory::occupancy() {
     }
     return out;
 }
+
+int64_t HeapFactory::sizeOf(nivo::IImageBufferAllocator::ImgParam const& param) {
+    if (isBlobFormat(param.imgFormat)) {
+        return int64_t{std::max(param.imgSize.w, 0)} * std::max(param.imgSize.h, 1);
+    }
+    int64_t bytes = 0;
+    for (size_t planeBytes : param.bufSizesInBytes) bytes += static_cast<int64_t>(planeBytes);
+    return bytes;
+}
+std::map<std::string, HeapFactory::Memory> HeapFactory::memory() {
+    auto& s = heapStats();
+    std::lock_guard<std::mutex> lk(s.lock);
+    std::map<std::string, Memory> out;
+    for (auto const& [name, m] : s.byName) out[name] = {m.bytes, m.peakBytes, m.heaps, m.peakHeaps};
+    return out;
+}
+HeapFactory::Memory HeapFactory::totalMemory() {
+    auto& s = heapStats();
+    std::lock_guard<std::mutex> lk(s.lock);
+    return {s.total.bytes, s.total.peakBytes, s.total.heaps, s.total.peakHeaps};
+}
+void HeapFactory::resetPeaks() {
+    auto& s = heapStats();
+    std::lock_guard<std::mutex> lk(s.lock);
+    for (auto it = s.byName.begin(); it != s.byName.end();) {
+        if (it->second.heaps == 0) {
+            it = s.byName.erase(it);
+            continue;
+        }
+        it->second.peakBytes = it->second.bytes;
+        it->second.peakHeaps = it->second.heaps;
+        ++it;
+    }
+    s.total.peakBytes = s.total.bytes;
+    s.total.peakHeaps = s.total.heaps;
+}
+void HeapFactory::setRealMemory(bool on) { heapStats().realMemory = on; }
 
 void HeapFactory::setCreateHook(std::function<void()> hook) {
     auto& s = heapStats();

@@ -150,14 +150,15 @@ void writeSeries(RunReport const& r, std::ostream& out) {
     std::set<std::string> names;
     for (auto const& row : r.series)
         for (auto const& [name, v] : row.pools) names.insert(name);
-    out << "frame\tseconds\treadyList\tresidentMb";
+    out << "frame\tseconds\treadyList\tresidentMb\theapMb";
     for (auto const& raw : names) {
         std::string const n = printable(raw);
         out << "\t" << n << ".allocated\t" << n << ".inUse\t" << n << ".available";
     }
     out << "\n";
     for (auto const& row : r.series) {
-        out << row.frame << "\t" << row.seconds << "\t" << row.readyList << "\t" << row.residentMb;
+        out << row.frame << "\t" << row.seconds << "\t" << row.readyList << "\t" << row.residentMb << "\t"
+            << static_cast<double>(row.heapBytes) / (1 << 20);
         for (auto const& n : names) {
             auto it = row.pools.find(n);
             int64_t const a = it == row.pools.end() ? 0 : it->second.first;
@@ -166,6 +167,50 @@ void writeSeries(RunReport const& r, std::ostream& out) {
         }
         out << "\n";
     }
+}
+
+std::string reportJson(RunReport const& r) {
+    using nlohmann::json;
+    auto latency = [](Histogram const& h) {
+        return json{{"count", h.count()}, {"medianUs", h.quantile(0.5) / 1000.0},
+                    {"p99Us", h.quantile(0.99) / 1000.0}, {"maxUs", h.max() / 1000.0}};
+    };
+    json j;
+    j["scenario"] = r.scenario;
+    j["frames"] = r.frames;
+    j["fps"] = r.fps;
+    j["seed"] = r.seed;
+    j["resultThreads"] = r.resultThreads;
+    j["seconds"] = r.seconds;
+    j["framesPerSecond"] = r.seconds > 0 ? r.frames / r.seconds : 0.0;
+    j["frameCounts"] = {{"completed", r.completed}, {"destroyed", r.destroyed},
+                        {"withoutTimestamp", r.noTimestamp}, {"keptNothing", r.untracked}};
+    j["streams"] = json::array();
+    for (auto const& st : r.streams) {
+        j["streams"].push_back({{"name", st.name}, {"id", st.id}, {"source", sourceName(st.source)},
+                                {"maxBuffers", st.maxBuffers}, {"requests", st.requests}, {"buffers", st.buffers},
+                                {"failures", st.failures}, {"timeouts", st.timeouts},
+                                {"slowWaitsAfterWarmup", st.slowWaits}, {"latency", latency(st.latency)}});
+    }
+    j["runtimeAllocations"] = r.runtimeAllocations;
+    j["acquireTimeouts"] = r.acquireTimeouts;
+    j["historySets"] = {{"selections", r.selections},         {"selected", r.selected},
+                        {"keptForProcessing", r.keptForProcessing}, {"returnedKept", r.returnedKept},
+                        {"releasedBySelector", r.releasedBySelector}, {"releasedAfterProcessing", r.processedReleased},
+                        {"cloned", r.cloned},                 {"releasedUnderPressure", r.releasedUnderPressure}};
+    j["latencyBySource"] = json::object();
+    for (auto const& [source, h] : r.latency) j["latencyBySource"][sourceName(source)] = latency(h);
+    j["memory"] = {{"pipelinePeakBytes", r.peakBytes}, {"peakResidentMb", r.peakResidentMb}, {"heaps", json::array()}};
+    for (auto const& m : r.memory) {
+        j["memory"]["heaps"].push_back({{"heapName", m.heapName}, {"kind", m.kind}, {"streams", m.streams},
+                                        {"heapBytes", m.heapBytes}, {"maxBuffers", m.maxBuffers},
+                                        {"peakInUse", m.peakInUse}, {"peakHeaps", m.peakHeaps},
+                                        {"peakBytes", m.peakBytes}});
+    }
+    j["warmupFrames"] = r.warmupFrames;
+    j["leakFree"] = r.leakFree;
+    j["leakCheck"] = r.leakText;
+    return j.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
 bool PlotWriter::prepare(std::string const& pngPath, std::string const& seriesPath, std::string& error) {
@@ -199,15 +244,13 @@ bool PlotWriter::render(RunReport const& r, std::string& error) {
     for (auto const& row : r.series)
         for (auto const& [name, v] : row.pools) names.insert(name);
     std::string const data = gnuplotQuoted(mSeries);
-    std::string gp = "set terminal pngcairo size 1200,800 noenhanced\n";
-    gp += "set output " + gnuplotQuoted(mTempPng) + "\n";
-    gp += "set datafile separator '\\t'\n";
+    std::string gp = "set datafile separator '\\t'\n";
     gp += "set key outside right\nset offsets 0, 0, 1, 0\nset yrange [0:*]\n";
-    gp += "set multiplot layout 2,1 title " +
+    gp += "set multiplot layout 3,1 title " +
           gnuplotQuoted("fbm-sim: " + printable(r.scenario) + ", " + std::to_string(r.frames) + " frames") + "\n";
     gp += "set title 'heaps in use per heap pool (dashed: allocated)'\nset xlabel 'frame'\nset ylabel 'heaps'\n";
     gp += "plot ";
-    int col = 5, i = 0;
+    int col = 6, i = 0;
     for (auto const& n : names) {
         if (i) gp += ", ";
         gp += data + " using 1:" + std::to_string(col + 1) + " with lines lw 2 lc " + std::to_string(i + 1) +
@@ -218,8 +261,18 @@ bool PlotWriter::render(RunReport const& r, std::string& error) {
     }
     if (names.empty()) gp += "0 notitle";
     gp += "\nset title 'history sets on the ready list'\nset ylabel 'sets'\n";
-    gp += "plot " + data + " using 1:3 with lines lw 2 title 'ready list'\nunset multiplot\n";
+    gp += "plot " + data + " using 1:3 with lines lw 2 title 'ready list'\n";
+    gp += "set title 'bytes of all heaps alive (MiB)'\nset ylabel 'MiB'\n";
+    gp += "plot " + data + " using 1:5 with lines lw 2 title 'heaps alive'\nunset multiplot\n";
 
+    return renderScript(gp, 1100, error);
+}
+
+std::string PlotWriter::quoted(std::string const& text) { return gnuplotQuoted(printable(text)); }
+
+bool PlotWriter::renderScript(std::string const& body, int height, std::string& error) {
+    std::string const gp = "set terminal pngcairo size 1200," + std::to_string(height) + " noenhanced\n" +
+                           "set output " + gnuplotQuoted(mTempPng) + "\n" + body;
     // gnuplot reads the script on its standard input: no shell, no script file.
     int fds[2];
     if (pipe(fds) != 0) {

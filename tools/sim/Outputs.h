@@ -45,6 +45,9 @@ private:
 
 void writeSeries(RunReport const& report, std::ostream& out);
 
+// The whole report as JSON text, for scripts: counts, latencies and memory.
+std::string reportJson(RunReport const& report);
+
 // A PNG drawn by gnuplot. The picture is drawn into a temporary file beside the target and moved
 // over it only when gnuplot succeeded: a failed plot leaves nothing behind.
 class PlotWriter {
@@ -54,6 +57,10 @@ public:
     bool prepare(std::string const& pngPath, std::string const& seriesPath, std::string& error);
     std::string const& seriesPath() const { return mSeries; }
     bool render(RunReport const& report, std::string& error);
+    // Any plot: `body` reads the series file (dataQuoted()) and is drawn into the target.
+    bool renderScript(std::string const& body, int height, std::string& error);
+    std::string dataQuoted() const { return quoted(mSeries); }
+    static std::string quoted(std::string const& text);  // a gnuplot string, control characters replaced
     ~PlotWriter();
 
 private:

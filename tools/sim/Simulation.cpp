@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -76,12 +77,22 @@ StreamAttribute attributeOf(Source s) {
     return eBUFFER_SOURCE_USER;
 }
 
+// What a provider allocates for a stream: its format and its planes.
+nivo::IImageBufferAllocator::ImgParam paramOf(IImageStreamInfo const& info) {
+    nivo::IImageBufferAllocator::ImgParam p;
+    p.imgFormat = info.imageFormat();
+    p.imgSize = info.imageSize();
+    BufPlanes const& planes = info.planeLayout();
+    for (size_t i = 0; i < std::min<size_t>(planes.count, 3); ++i) p.bufSizesInBytes[i] = planes.planes[i].sizeInBytes;
+    return p;
+}
+
 // A provider of the simulated pipeline: a buffer over a fresh heap per request.
 class SimProvider : public IStreamBufferProvider {
 public:
     int requestStreamBuffer(ImageStreamBufferCallback const& callback, Request const& request) override {
         auto heap = nivo::IImageBufferHeapFactory::create("sim-provider", request.pStreamInfo->streamName(),
-                                                          {}, false);
+                                                          paramOf(*request.pStreamInfo), false);
         callback(Utils::makeHalImageStreamBuffer({request.pStreamInfo, heap, nullptr, nullptr}));
         return 0;
     }
@@ -139,6 +150,7 @@ private:
     size_t readyListLength();
     void dumpState();
     void checkLeaks(RunReport& r);
+    void gatherMemory();
     void progress(uint32_t f, bool done);
 
     Scenario mSc;
@@ -189,7 +201,12 @@ bool Simulation::configure() {
     for (auto const& g : mSc.sharedGroups) cfg.sharedGroups->emplace_back(g.begin(), g.end());
     for (auto const& c : mSc.images) {
         Image img{c, makeInfo(c), !c.triggerAtFrame.has_value(), mR.streams.size()};
-        mR.streams.push_back({c.name, c.id, c.source});
+        StreamReport st;
+        st.name = c.name;
+        st.id = c.id;
+        st.source = c.source;
+        st.maxBuffers = c.maxBuffers;
+        mR.streams.push_back(std::move(st));
         bool const provided = c.source == Source::HalProvider || c.source == Source::AppProvider;
         cfg.imageStreams.push_back({img.info, attributeOf(c.source),
                                     provided ? std::static_pointer_cast<IStreamBufferProvider>(mStreamProvider)
@@ -274,6 +291,11 @@ void Simulation::frame(uint32_t f) {
         int const err = mProvider->requestStreamBuffer([&got](SbPtr const& sb) { got = sb; }, req);
         auto const ns = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - t0).count();
         mR.latency[img.cfg.source].add(static_cast<uint64_t>(ns));
+        st.latency.add(static_cast<uint64_t>(ns));
+        // A pool still filling makes its first requests wait a 10 ms slice: those of its first
+        // frames are the warm-up, not a shortage.
+        uint32_t const since = img.cfg.triggerAtFrame ? *img.cfg.triggerAtFrame : 0;
+        if (ns >= 10'000'000 && f >= since + mR.warmupFrames) ++st.slowWaits;
         ++st.requests;
         if (err == -EBUSY) {
             ++st.timeouts;
@@ -434,6 +456,7 @@ void Simulation::sample(uint32_t f) {
     row.seconds = std::chrono::duration<double>(Clock::now() - mStart).count();
     row.readyList = readyListLength();
     row.residentMb = residentMb();
+    row.heapBytes = host::HeapFactory::totalMemory().bytes;
     for (auto const& [name, o] : host::HeapFactory::occupancy()) {
         if (mPoolNames.count(name) != 0) row.pools[name] = {o.alive, o.alive - o.idle};
     }
@@ -459,6 +482,44 @@ void Simulation::dumpState() {
             if (a.text.rfind("[dump]", 0) == 0 || a.text.rfind("[dumpPool]", 0) == 0) mDumpOut << "    " << a.text << "\n";
         }
     }
+}
+
+void Simulation::gatherMemory() {
+    std::map<std::string, int64_t> inUse;
+    for (auto const& row : mR.series)
+        for (auto const& [name, v] : row.pools) inUse[name] = std::max(inUse[name], v.second);
+    auto byId = [&](int64_t id) -> ImageStreamCfg const* {
+        for (auto const& c : mSc.images)
+            if (c.id == id) return &c;
+        return nullptr;
+    };
+    for (auto const& [name, m] : host::HeapFactory::memory()) {
+        if (m.peakHeaps == 0) continue;
+        PoolMemory pm;
+        pm.heapName = name;
+        pm.heapBytes = m.peakBytes / m.peakHeaps;
+        pm.peakHeaps = m.peakHeaps;
+        pm.peakBytes = m.peakBytes;
+        pm.peakInUse = inUse.count(name) ? inUse[name] : m.peakHeaps;
+        std::vector<ImageStreamCfg const*> members;
+        if (name.rfind("shared-", 0) == 0) {  // shared-<id>-<id>...: a sharing group's pool
+            for (size_t at = name.find('-'); at != std::string::npos; at = name.find('-', at + 1)) {
+                if (auto const* c = byId(std::strtoll(name.c_str() + at + 1, nullptr, 0))) members.push_back(c);
+            }
+        } else {
+            for (auto const& c : mSc.images)
+                if (c.name == name) members.push_back(&c);
+        }
+        if (members.empty()) continue;  // not this pipeline's
+        for (auto const* c : members) {
+            pm.streams.push_back(c->name);
+            if (c->source == Source::Pool) pm.maxBuffers = std::max<int64_t>(pm.maxBuffers, c->maxBuffers);
+        }
+        Source const src = members.front()->source;
+        pm.kind = src == Source::Pool ? "POOL" : src == Source::Runtime ? "RUNTIME" : "PROVIDER";
+        mR.memory.push_back(std::move(pm));
+    }
+    mR.peakBytes = host::HeapFactory::totalMemory().peakBytes;
 }
 
 void Simulation::checkLeaks(RunReport& r) {
@@ -522,6 +583,8 @@ RunReport Simulation::run() {
     mDispatchRng.seed(mOpt.seed * 7919 + 1);
     mSelRng.seed(mOpt.seed * 104729 + 3);
     if (!mOpt.traceFile.empty()) host::TraceRecorder::setEnabledTags(ATRACE_TAG_CAMERA);
+    mR.warmupFrames = std::max<uint32_t>(10, mSc.frames / 20);
+    host::HeapFactory::resetPeaks();
     if (!configure()) {
         mR.leakText = "configuration failed";
         return mR;
@@ -553,6 +616,11 @@ RunReport Simulation::run() {
         }
         if (f % mSampleEvery == 0) sample(f);
         progress(f + 1, false);
+        if (mOpt.stopAfterTimeouts != 0 && mR.acquireTimeouts >= mOpt.stopAfterTimeouts) {
+            mR.frames = f + 1;  // enough seen: the rest would only wait out more time-outs
+            mR.stoppedEarly = true;
+            break;
+        }
     }
     for (auto& w : mWorkers) {
         {
@@ -571,17 +639,20 @@ RunReport Simulation::run() {
         mSelector.join();
     }
     mR.seconds = std::chrono::duration<double>(Clock::now() - mStart).count();
-    progress(mSc.frames, true);
-    sample(mSc.frames);
+    progress(mR.frames, true);
+    sample(mR.frames);
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
+    // The kernel's high-water mark can lag a sample read from statm: the peak is whichever is more.
     mR.peakResidentMb = static_cast<double>(usage.ru_maxrss) / 1024.0;
+    for (auto const& row : mR.series) mR.peakResidentMb = std::max(mR.peakResidentMb, row.residentMb);
     if (mOpt.dump) dumpState();
     selectOnce(true);  // the selector lets go of everything
     uint64_t const joins = mReadyJoins.load() + mR.returnedKept;
     mR.completed = mReadyJoins.load();
     mR.releasedUnderPressure = joins >= mR.selected ? joins - mR.selected : 0;
     if (!mOpt.traceFile.empty()) host::TraceRecorder::setEnabledTags(0);
+    gatherMemory();
     checkLeaks(mR);
     return mR;
 }
@@ -639,7 +710,42 @@ void printReport(RunReport const& r, std::ostream& out) {
         print("memory: resident %.1f MB at frame %u, %.1f MB at frame %u, peak %.1f MB\n", early.residentMb,
               early.frame, late.residentMb, late.frame, r.peakResidentMb);
     }
+    printMemory(r, out);
     print("leak check: %s\n", r.leakText.c_str());
+}
+
+std::string bytesText(int64_t bytes) {
+    char buf[32];
+    double const b = static_cast<double>(bytes);
+    if (bytes >= (int64_t{1} << 30)) std::snprintf(buf, sizeof buf, "%.2f GiB", b / (1 << 30));
+    else if (bytes >= (1 << 20)) std::snprintf(buf, sizeof buf, "%.1f MiB", b / (1 << 20));
+    else if (bytes >= (1 << 10)) std::snprintf(buf, sizeof buf, "%.1f KiB", b / (1 << 10));
+    else std::snprintf(buf, sizeof buf, "%lld B", static_cast<long long>(bytes));
+    return buf;
+}
+
+void printMemory(RunReport const& r, std::ostream& out) {
+    if (r.memory.empty()) return;
+    char line[512];
+    auto print = [&](char const* fmt, auto... args) {
+        std::snprintf(line, sizeof line, fmt, args...);
+        out << line;
+    };
+    print("\n%-16s %-9s %-20s %10s %4s %7s %9s %11s\n", "heaps of", "kind", "streams", "heap size", "max",
+          "in use", "allocated", "peak bytes");
+    int64_t sum = 0;
+    for (auto const& m : r.memory) {
+        std::string streams;
+        for (auto const& st : m.streams) streams += (streams.empty() ? "" : ",") + st;
+        std::string const max = m.maxBuffers ? std::to_string(m.maxBuffers) : "-";
+        print("%-16s %-9s %-20s %10s %4s %7lld %9lld %11s\n", m.heapName.c_str(), m.kind.c_str(), streams.c_str(),
+              bytesText(m.heapBytes).c_str(), max.c_str(), static_cast<long long>(m.peakInUse),
+              static_cast<long long>(m.peakHeaps), bytesText(m.peakBytes).c_str());
+        sum += m.peakBytes;
+    }
+    print("%-16s %-9s %-20s %10s %4s %7s %9s %11s\n", "pipeline", "", "all at once", "", "", "", "",
+          bytesText(r.peakBytes).c_str());
+    if (sum != r.peakBytes) print("(the peaks of each add up to %s; they did not all fall at once)\n", bytesText(sum).c_str());
 }
 
 }  // namespace fbmsim

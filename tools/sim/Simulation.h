@@ -28,6 +28,8 @@ struct Options {
     bool progress = false;       // a bar on a terminal
     bool progressLines = false;  // a line every few seconds, for logs
     bool injectLeak = false;  // the pipeline forgets one buffer: proves the leak check
+    bool realMemory = false;  // heaps are real memory of their size
+    uint64_t stopAfterTimeouts = 0;  // end the run after this many acquire time-outs (0: never)
 };
 
 struct StreamReport {
@@ -38,6 +40,22 @@ struct StreamReport {
     uint64_t buffers = 0;
     uint64_t failures = 0;
     uint64_t timeouts = 0;
+    uint64_t slowWaits = 0;  // requests of 10 ms or more after the warm-up
+    size_t maxBuffers = 0;   // as configured
+    Histogram latency;
+};
+
+// A heap name's memory over the run: a heap pool (a stream's or a sharing group's), or the heaps
+// of a run-time or provider stream.
+struct PoolMemory {
+    std::string heapName;
+    std::string kind;  // POOL, RUNTIME, PROVIDER
+    std::vector<std::string> streams;
+    int64_t heapBytes = 0;
+    int64_t maxBuffers = 0;  // 0: not a pool
+    int64_t peakInUse = 0;   // sampled
+    int64_t peakHeaps = 0;
+    int64_t peakBytes = 0;
 };
 
 struct SeriesRow {
@@ -45,6 +63,7 @@ struct SeriesRow {
     double seconds = 0;
     size_t readyList = 0;
     double residentMb = 0;  // the process's resident memory
+    int64_t heapBytes = 0;  // of all heaps alive
     std::map<std::string, std::pair<int64_t, int64_t>> pools;  // name: (allocated, in use)
 };
 
@@ -73,6 +92,10 @@ struct RunReport {
     std::map<Source, Histogram> latency;
     double seconds = 0;
     double peakResidentMb = 0;
+    std::vector<PoolMemory> memory;
+    int64_t peakBytes = 0;   // of all the pipeline's heaps at once
+    uint32_t warmupFrames = 0;
+    bool stoppedEarly = false;  // after Options::stopAfterTimeouts
     bool leakFree = false;
     std::string leakText;
     std::vector<SeriesRow> series;
@@ -83,4 +106,6 @@ struct RunReport {
 RunReport runSimulation(Scenario const& scenario, Options const& options, std::ostream& dumpOut);
 
 void printReport(RunReport const& report, std::ostream& out);
+void printMemory(RunReport const& report, std::ostream& out);
+std::string bytesText(int64_t bytes);  // "18.3 MiB"
 }  // namespace fbmsim

@@ -13,6 +13,7 @@
 #include <vexlor/HostSeams.h>
 
 #include "Outputs.h"
+#include "Plan.h"
 #include "Scenario.h"
 #include "Simulation.h"
 
@@ -20,6 +21,7 @@ namespace {
 
 constexpr int kExitLost = 1;
 constexpr int kExitUsage = 2;
+constexpr char const* kTimeoutProperty = "vendor.debug.camera.pipeline.fbm.acquire.timeout";
 
 int usageError(std::string const& message) {
     std::cerr << "fbm-sim: " << message << "\nRun 'fbm-sim --help' for the options.\n";
@@ -82,10 +84,63 @@ int acquireTimeoutMs(std::vector<std::pair<std::string, int>> const& scenarioPro
     int ms = 1500;
     for (auto const* list : {&scenarioProps, &commandLineProps}) {
         for (auto const& [key, value] : *list) {
-            if (key == "vendor.debug.camera.pipeline.fbm.acquire.timeout") ms = value;
+            if (key == kTimeoutProperty) ms = value;
         }
     }
     return ms;
+}
+
+int plan(fbmsim::Scenario const& scenario, fbmsim::Options opt, fbmsim::PlanOptions planOpt,
+         std::vector<std::string> const& varyTexts, std::string const& runsText, std::string const& jsonFile,
+         bool quiet, bool terminal) {
+    using namespace fbmsim;
+    if (!opt.traceFile.empty() || !opt.seriesFile.empty() || !jsonFile.empty() || opt.dump || opt.injectLeak) {
+        return usageError("plan: --trace, --series, --json, --dump and --inject-leak belong to a single run");
+    }
+    std::string why;
+    for (auto const& text : varyTexts) {
+        Vary v;
+        if (!parseVary(text, scenario, v, why)) return usageError("--vary " + text + ": " + why);
+        planOpt.vary.push_back(v);
+    }
+    int64_t runs = opt.resultThreads == 0 ? 1 : 3;
+    if (!runsText.empty() && !wholeNumber(runsText, 1, 20, runs, why)) return usageError("--runs " + runsText + ": " + why);
+    planOpt.runs = static_cast<int>(runs);
+    // A starved run would wait 1.5 s per request: time-outs are counted at 20 ms unless the
+    // scenario or the command line sets the time-out, and a run stops after 50 of them.
+    bool timeoutSet = false;
+    for (auto const& [key, value] : scenario.properties) timeoutSet |= key == kTimeoutProperty;
+    for (auto const& [key, value] : opt.props) timeoutSet |= key == kTimeoutProperty;
+    if (!timeoutSet) opt.props.emplace_back(kTimeoutProperty, 20);
+    opt.stopAfterTimeouts = 50;
+    PlotWriter plotter;
+    std::string error;
+    if (!opt.plotFile.empty() && !plotter.prepare(opt.plotFile, "", error)) return usageError("--plot " + error);
+    OutputFile data;
+    if (!opt.plotFile.empty() && !data.open(plotter.seriesPath(), error)) return usageError("--plot " + error);
+    std::string plotFile = opt.plotFile;
+    opt.plotFile.clear();
+    planOpt.progress = !quiet && terminal;
+    planOpt.progressLines = !quiet && !terminal;
+    if (!timeoutSet) std::cout << "fbm-sim plan: acquire time-out 20 ms (--prop to change it)\n";
+
+    auto const results = runPlan(scenario, opt, planOpt);
+    printPlan(results, scenario, opt, planOpt, std::cout);
+    bool clean = true;
+    for (auto const& r : results)
+        for (auto const& row : r.rows) clean &= row.leakFree;
+    if (!plotFile.empty()) {
+        writePlanData(results, data.out());
+        bool ok = data.close(error);
+        if (ok) ok = plotter.renderScript(planPlotScript(results, plotter.dataQuoted(), scenario.name), 900, error);
+        if (ok) std::cout << "plot: " << plotFile << "\n";
+        else {
+            std::cerr << "fbm-sim: " << error << "\n";
+            clean = false;
+        }
+    }
+    std::cout.flush();
+    return clean && std::cout ? 0 : kExitLost;
 }
 
 }  // namespace
@@ -101,7 +156,7 @@ int main(int argc, char** argv) {
     app.get_formatter()->column_width(34);
 
     Options opt;
-    std::string scenarioFile, framesText, fpsText, seedText, threadsText, levelText;
+    std::string scenarioFile, framesText, fpsText, seedText, threadsText, levelText, jsonFile;
     std::vector<std::string> props;
     bool printScenario = false;
     bool noProgress = false;
@@ -132,11 +187,29 @@ int main(int argc, char** argv) {
                  "run a scenario whose sharing groups the library will refuse in part, to watch it do so");
     app.add_flag("--inject-leak", opt.injectLeak,
                  "the pipeline forgets to release one pooled buffer (shows the leak check failing)");
+    app.add_option("--json", jsonFile, "write the whole report (counts, latencies, memory) as JSON");
+    app.add_flag("--real-memory", opt.realMemory,
+                 "make every heap real memory of its size, pages touched (device-like resident memory and "
+                 "allocation time; slower)");
+
+    PlanOptions planOpt;
+    std::vector<std::string> varyTexts;
+    std::string runsText;
+    CLI::App* planCmd = app.add_subcommand(
+        "plan", "run the scenario once per pool maximum over a range and recommend the smallest maximum per "
+                "stream with no time-outs and no 10 ms waits, with the memory it saves; takes the run options "
+                "above (--plot draws time-outs, p99 latency and peak memory against the maximum)");
+    planCmd->fallthrough();  // the run options above are given after "plan" too
+    planCmd->add_option("--vary", varyTexts, "STREAM=FROM..TO: the maximums to try for a pool stream (repeatable)")
+        ->required();
+    planCmd->add_option("--runs", runsText,
+                        "runs per value, 1 to 20 (default 1, or 3 with --result-threads above 0, whose "
+                        "results vary from run to run)");
 
     try {
         app.parse(argc, argv);
     } catch (CLI::CallForHelp const&) {
-        std::cout << app.help();
+        std::cout << (*planCmd ? planCmd->help() : app.help());
         return 0;
     } catch (CLI::ParseError const& e) {
         return usageError(e.what());
@@ -162,6 +235,8 @@ int main(int argc, char** argv) {
         }
         opt.seed = v;
     }
+    bool const planning = static_cast<bool>(*planCmd);
+    if (planning && threadsText.empty()) threads = 0;  // repeatable counts, one run per value
     if (!threadsText.empty() && !wholeNumber(threadsText, 0, 16, threads, why)) {
         return usageError("--result-threads " + threadsText + ": " + why);
     }
@@ -204,22 +279,27 @@ int main(int argc, char** argv) {
         std::cerr << "fbm-sim: warning: " << warning << "\n";
     }
 
-    // Every output is made before the run: a bad path costs nothing.
-    std::string error;
-    TraceWriter trace;
-    OutputFile series;
-    PlotWriter plot;
-    if (!opt.traceFile.empty() && !trace.open(opt.traceFile, error)) return usageError("--trace " + error);
-    if (!opt.plotFile.empty() && !plot.prepare(opt.plotFile, opt.seriesFile, error)) return usageError("--plot " + error);
-    std::string const seriesPath = opt.plotFile.empty() ? opt.seriesFile : plot.seriesPath();
-    if (!seriesPath.empty() && !series.open(seriesPath, error)) return usageError("--series " + error);
-
     // Logging: nothing is kept in memory (long runs); the log goes to stderr when asked.
     vexlor::host::LogCapture::setCapturing(false);
     vexlor::host::LogCapture::setEcho(opt.logcat);
     vexlor::host::setULogSwitches(static_cast<uint32_t>(opt.logLevel), opt.logLevel >= 3 ? 0x207000 : 0,
                                   opt.logcat ? 1 : 0);
+    vexlor::host::HeapFactory::setRealMemory(opt.realMemory);
     bool const terminal = isatty(STDERR_FILENO) != 0;
+    if (planning) return plan(scenario, opt, planOpt, varyTexts, runsText, jsonFile, noProgress || opt.logcat, terminal);
+
+    // Every output is made before the run: a bad path costs nothing.
+    std::string error;
+    TraceWriter trace;
+    OutputFile series;
+    PlotWriter plot;
+    OutputFile json;
+    if (!opt.traceFile.empty() && !trace.open(opt.traceFile, error)) return usageError("--trace " + error);
+    if (!jsonFile.empty() && !json.open(jsonFile, error)) return usageError("--json " + error);
+    if (!opt.plotFile.empty() && !plot.prepare(opt.plotFile, opt.seriesFile, error)) return usageError("--plot " + error);
+    std::string const seriesPath = opt.plotFile.empty() ? opt.seriesFile : plot.seriesPath();
+    if (!seriesPath.empty() && !series.open(seriesPath, error)) return usageError("--series " + error);
+
     opt.progress = !noProgress && !opt.logcat && terminal;
     opt.progressLines = !noProgress && !opt.logcat && !terminal;
 
@@ -239,6 +319,11 @@ int main(int argc, char** argv) {
     if (!opt.plotFile.empty() && written) {
         if (plot.render(report, error)) std::cout << "plot: " << opt.plotFile << "\n";
         else failed(error);
+    }
+    if (json.isOpen()) {
+        json.out() << reportJson(report);
+        if (!json.close(error)) failed(error);
+        else std::cout << "json: " << jsonFile << "\n";
     }
     if (!opt.traceFile.empty()) {
         if (trace.finish(error)) std::cout << "trace: " << opt.traceFile << "\n";

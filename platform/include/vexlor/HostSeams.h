@@ -103,6 +103,24 @@ public:
         int64_t idle = 0;
     };
     static std::map<std::string, Occupancy> occupancy();
+
+    // A heap's byte size: a blob's size (width x height) for a blob format, otherwise the sum of
+    // its plane buffer sizes.
+    static int64_t sizeOf(nivo::IImageBufferAllocator::ImgParam const& param);
+    // Bytes and heaps alive per heap name and in all, with their peaks since the last resetPeaks
+    // (which also forgets names with nothing alive). Exact: kept at every create and destroy.
+    struct Memory {
+        int64_t bytes = 0;
+        int64_t peakBytes = 0;
+        int64_t heaps = 0;
+        int64_t peakHeaps = 0;
+    };
+    static std::map<std::string, Memory> memory();
+    static Memory totalMemory();
+    static void resetPeaks();
+    // On: each heap is real memory of its size (an anonymous mapping with every page touched at
+    // creation), so resident memory and allocation time are a device's. Off by default.
+    static void setRealMemory(bool on);
 };
 
 // ---- stream buffers ------------------------------------------------------------------------
