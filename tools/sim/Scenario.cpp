@@ -314,7 +314,7 @@ Scenario parseScenario(std::string const& jsonText) {
     return s;
 }
 
-std::vector<std::string> starvationWarnings(Scenario const& s, int acquireTimeoutMs) {
+std::vector<std::string> starvationWarnings(Scenario const& s, int acquireTimeoutMs, uint32_t inFlightFrames) {
     struct Pool {
         std::string name;
         std::vector<ImageStreamCfg const*> members;
@@ -349,7 +349,7 @@ std::vector<std::string> starvationWarnings(Scenario const& s, int acquireTimeou
             names += (names.empty() ? "" : ", ");
             for (unsigned char ch : c->name) names += (ch < 0x20 || ch == 0x7f) ? '?' : static_cast<char>(ch);
         }
-        uint64_t const inFlight = uint64_t{s.inFlightDepth} * p.members.size();
+        uint64_t const inFlight = uint64_t{inFlightFrames} * p.members.size();
         uint64_t const need = inFlight + held * kept;
         auto warn = [&](size_t max, std::string const& when) {
             if (max >= need) return;

@@ -85,7 +85,9 @@ struct ScenarioError : std::runtime_error {
 // Pools the scenario will starve: a pool with fewer buffers than its frames in flight and the sets
 // the selector holds makes every starved request wait out the acquire time-out. One line per
 // pool (and per planned change that starves it), with an estimate of the cost.
-std::vector<std::string> starvationWarnings(Scenario const& s, int acquireTimeoutMs);
+// `inFlight`: frames whose buffers are out at once (1 when results come back on the requesting
+// thread, the scenario's inFlightDepth when they come from threads).
+std::vector<std::string> starvationWarnings(Scenario const& s, int acquireTimeoutMs, uint32_t inFlight);
 
 Scenario parseScenario(std::string const& jsonText);  // throws ScenarioError
 Scenario loadScenario(std::string const& path);       // throws ScenarioError
