@@ -108,3 +108,37 @@ TEST(SimulatorPlan, BadVaryValuesExitTwoWithOneClearLine) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(SimulatorPipelines, TwoPipelinesRunAtOnceAndAreEachLeakChecked) {
+    std::string const dual = FBM_SCENARIO_DIR "/dual.json";
+    SimRun r = runSim({"--scenario", dual, "-n", "300"});
+    ASSERT_EQ(r.exitCode, 0) << r.out;
+    for (char const* s : {"==== pipeline \"wide\" ====", "==== pipeline \"tele\" ====",
+                          "fbm-sim: scenario \"tele\", 300 frames at 24 fps, seed 2",
+                          "2 pipelines at once: peak bytes of all heaps at once ", "; leak check: OK"}) {
+        EXPECT_TRUE(has(r, s)) << s << "\n" << r.out;
+    }
+    size_t oks = 0;
+    for (size_t at = r.out.find("leak check: OK: "); at != std::string::npos; at = r.out.find("leak check: OK: ", at + 1)) ++oks;
+    EXPECT_EQ(oks, 2u) << r.out;
+
+    // Each pipeline forgets a buffer: each finds its own, and only its own.
+    r = runSim({"--scenario", dual, "-n", "50", "--inject-leak"});
+    EXPECT_EQ(r.exitCode, 1) << r.out;
+    auto const tele = r.out.find("==== pipeline \"tele\"");
+    ASSERT_NE(tele, std::string::npos) << r.out;
+    std::string const wide = r.out.substr(0, tele), teleText = r.out.substr(tele);
+    EXPECT_NE(wide.find("LOST: heaps of 'widePreview' still in use: 1;"), std::string::npos) << wide;
+    EXPECT_EQ(wide.find("telePreview' still"), std::string::npos) << wide;
+    EXPECT_NE(teleText.find("LOST: heaps of 'telePreview' still in use: 1;"), std::string::npos) << teleText;
+
+    std::string const clash = tempFile("clash.json", R"({"pipelines": [
+        {"images": [{"name": "cam", "id": 1}]}, {"images": [{"name": "cam", "id": 2}]}]})");
+    r = runSim({"--scenario", clash});
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_TRUE(has(r, "scenario.pipelines[1].images[0].name: \"cam\" is a stream of pipeline 0 too")) << r.out;
+}
+
+}  // namespace

@@ -213,6 +213,15 @@ std::string reportJson(RunReport const& r) {
     return j.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
+std::string processJson(ProcessReport const& process) {
+    nlohmann::json j;
+    j["pipelines"] = nlohmann::json::array();
+    for (auto const& r : process.pipelines) j["pipelines"].push_back(nlohmann::json::parse(reportJson(r)));
+    j["processPeakBytes"] = process.peakBytes;
+    j["leakFree"] = process.leakFree;
+    return j.dump(2) + "\n";
+}
+
 bool PlotWriter::prepare(std::string const& pngPath, std::string const& seriesPath, std::string& error) {
     if (hasControl(pngPath)) {
         error = "the file name holds a control character";

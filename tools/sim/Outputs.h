@@ -47,6 +47,8 @@ void writeSeries(RunReport const& report, std::ostream& out);
 
 // The whole report as JSON text, for scripts: counts, latencies and memory.
 std::string reportJson(RunReport const& report);
+// Several pipelines: {"pipelines": [report...], "processPeakBytes": ..., "leakFree": ...}.
+std::string processJson(ProcessReport const& process);
 
 // A PNG drawn by gnuplot. The picture is drawn into a temporary file beside the target and moved
 // over it only when gnuplot succeeded: a failed plot leaves nothing behind.

@@ -4,6 +4,7 @@
 #include <climits>
 #include <algorithm>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -153,14 +154,17 @@ char const* sourceName(Source s) {
     return "?";
 }
 
-Scenario parseScenario(std::string const& jsonText) {
-    json j;
+namespace {
+
+json parseJson(std::string const& text) {
     try {
-        j = json::parse(jsonText);
+        return json::parse(text);
     } catch (json::parse_error const& e) {
         throw ScenarioError(std::string("not valid JSON: ") + e.what());
     }
-    std::string const root = "scenario";
+}
+
+Scenario parseObject(json const& j, std::string const& root) {
     checkKeys(j, root, {"name", "frames", "fps", "inFlightDepth", "resultBatches", "destroyEvery",
                         "noTimestampEvery", "recyclable", "images", "metas", "sharedGroups",
                         "selector", "poolChanges", "properties"});
@@ -314,6 +318,45 @@ Scenario parseScenario(std::string const& jsonText) {
     return s;
 }
 
+}  // namespace
+
+Scenario parseScenario(std::string const& jsonText) { return parseObject(parseJson(jsonText), "scenario"); }
+
+std::vector<Scenario> parseScenarios(std::string const& jsonText) {
+    json const j = parseJson(jsonText);
+    if (!j.is_object() || !j.contains("pipelines")) return {parseObject(j, "scenario")};
+    std::string const root = "scenario";
+    checkKeys(j, root, {"name", "frames", "pipelines"});
+    auto const& list = j["pipelines"];
+    if (!list.is_array() || list.empty() || list.size() > 8) {
+        fail(root + ".pipelines", "must be an array of 1 to 8 pipelines");
+    }
+    std::string const name = text(j, "name", root, "pipelines");
+    std::vector<Scenario> out;
+    std::map<std::string, size_t> names;  // heaps are counted by name: a name is one pipeline's
+    std::map<int64_t, size_t> ids;
+    for (size_t i = 0; i < list.size(); ++i) {
+        std::string const where = root + ".pipelines[" + std::to_string(i) + "]";
+        Scenario s = parseObject(list[i], where);
+        if (!list[i].contains("name")) s.name = name + "-" + std::to_string(i);
+        if (j.contains("frames")) s.frames = static_cast<uint32_t>(integer(j, "frames", root, 0, 1, kMaxFrames));
+        for (size_t k = 0; k < s.images.size(); ++k) {
+            std::string const at = where + ".images[" + std::to_string(k) + "]";
+            auto const& c = s.images[k];
+            if (!names.emplace(c.name, i).second && names[c.name] != i) {
+                fail(at + ".name", "\"" + c.name + "\" is a stream of pipeline " + std::to_string(names[c.name]) +
+                                       " too: stream names must differ across pipelines");
+            }
+            if (!ids.emplace(c.id, i).second && ids[c.id] != i) {
+                fail(at + ".id", "stream id " + std::to_string(c.id) + " is used by pipeline " +
+                                     std::to_string(ids[c.id]) + " too: ids must differ across pipelines");
+            }
+        }
+        out.push_back(std::move(s));
+    }
+    return out;
+}
+
 std::vector<std::string> starvationWarnings(Scenario const& s, int acquireTimeoutMs, uint32_t inFlightFrames) {
     struct Pool {
         std::string name;
@@ -377,13 +420,13 @@ std::vector<std::string> starvationWarnings(Scenario const& s, int acquireTimeou
     return out;
 }
 
-Scenario loadScenario(std::string const& path) {
+std::vector<Scenario> loadScenarios(std::string const& path) {
     std::ifstream in(path);
     if (!in) throw ScenarioError(path + ": cannot be read");
     std::stringstream ss;
     ss << in.rdbuf();
     try {
-        return parseScenario(ss.str());
+        return parseScenarios(ss.str());
     } catch (ScenarioError const& e) {
         throw ScenarioError(path + ": " + e.what());
     }

@@ -90,7 +90,10 @@ struct ScenarioError : std::runtime_error {
 std::vector<std::string> starvationWarnings(Scenario const& s, int acquireTimeoutMs, uint32_t inFlight);
 
 Scenario parseScenario(std::string const& jsonText);  // throws ScenarioError
-Scenario loadScenario(std::string const& path);       // throws ScenarioError
+// A scenario file holds one pipeline, or several under "pipelines" (a dual camera, say), each with
+// its own streams, selector and frame rate; stream names and ids differ across them.
+std::vector<Scenario> parseScenarios(std::string const& jsonText);  // throws ScenarioError
+std::vector<Scenario> loadScenarios(std::string const& path);       // throws ScenarioError
 std::string defaultScenarioJson();
 
 }  // namespace fbmsim

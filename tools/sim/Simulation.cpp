@@ -15,6 +15,7 @@
 #include <mutex>
 #include <random>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include <cutils/trace.h>
@@ -114,7 +115,12 @@ public:
     Simulation(Scenario const& sc, Options const& opt, std::ostream& dumpOut)
         : mSc(sc), mOpt(opt), mDumpOut(dumpOut), mRng(opt.seed) {}
 
-    RunReport run();
+    // Configures, runs every frame and lets the selector go of everything; false when the
+    // configuration failed. Then heapsInUse() while every pipeline's buffers are back, and end().
+    bool run();
+    std::string heapsInUse() const;
+    void end();
+    RunReport& report() { return mR; }
 
 private:
     struct Image {
@@ -149,7 +155,6 @@ private:
     void sample(uint32_t f);
     size_t readyListLength();
     void dumpState();
-    void checkLeaks(RunReport& r);
     void gatherMemory();
     void progress(uint32_t f, bool done);
 
@@ -522,32 +527,24 @@ void Simulation::gatherMemory() {
     mR.peakBytes = host::HeapFactory::totalMemory().peakBytes;
 }
 
-void Simulation::checkLeaks(RunReport& r) {
+std::string Simulation::heapsInUse() const {
+    // Every heap of this pipeline waits in its pool: nothing is tracked by a producer.
+    std::set<std::string> mine;
+    for (auto const& m : mR.memory) mine.insert(m.heapName);
     std::string problems;
-    // Every heap of every pool waits in its pool, nothing is tracked by a producer.
     for (auto const& [name, o] : host::HeapFactory::occupancy()) {
-        if (o.idle != o.alive) {
+        if (mine.count(name) != 0 && o.idle != o.alive) {
             problems += " heaps of '" + name + "' still in use: " + std::to_string(o.alive - o.idle) + ";";
         }
     }
-    int64_t const images = host::StreamBufferFactory::imageAlive();
-    if (images != 0) problems += " image stream buffers alive: " + std::to_string(images) + ";";
+    return problems;
+}
+
+void Simulation::end() {
     mForgotten.reset();  // dropped without releaseToOwner: its producer keeps tracking it
     mProvider.reset();
     mProcessor.reset();
     mManager.reset();
-    // Metadata of large releases is destroyed by the process's metadata worker: give it a moment.
-    for (int i = 0; i < 2000 && host::StreamBufferFactory::metaAlive() != 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    int64_t const heaps = host::HeapFactory::alive();
-    int64_t const metas = host::StreamBufferFactory::metaAlive();
-    if (heaps != 0) problems += " heaps alive after the manager ended: " + std::to_string(heaps) + ";";
-    if (metas != 0) problems += " metadata buffers alive: " + std::to_string(metas) + ";";
-    r.leakFree = problems.empty();
-    r.leakText = r.leakFree ? "OK: every heap back in its pool, no stream buffer tracked, 0 heaps, 0 "
-                              "image and 0 metadata buffers alive after the manager ended"
-                            : "LOST:" + problems;
 }
 
 void Simulation::progress(uint32_t f, bool done) {
@@ -573,7 +570,7 @@ void Simulation::progress(uint32_t f, bool done) {
     std::fflush(stderr);
 }
 
-RunReport Simulation::run() {
+bool Simulation::run() {
     mR.scenario = mSc.name;
     mR.frames = mSc.frames;
     mR.fps = mSc.fps;
@@ -582,12 +579,10 @@ RunReport Simulation::run() {
     mR.realtime = mOpt.realtime;
     mDispatchRng.seed(mOpt.seed * 7919 + 1);
     mSelRng.seed(mOpt.seed * 104729 + 3);
-    if (!mOpt.traceFile.empty()) host::TraceRecorder::setEnabledTags(ATRACE_TAG_CAMERA);
     mR.warmupFrames = std::max<uint32_t>(10, mSc.frames / 20);
-    host::HeapFactory::resetPeaks();
     if (!configure()) {
         mR.leakText = "configuration failed";
-        return mR;
+        return false;
     }
     for (int i = 0; i < mOpt.resultThreads; ++i) {
         mWorkers.push_back(std::make_unique<Worker>());
@@ -651,17 +646,76 @@ RunReport Simulation::run() {
     uint64_t const joins = mReadyJoins.load() + mR.returnedKept;
     mR.completed = mReadyJoins.load();
     mR.releasedUnderPressure = joins >= mR.selected ? joins - mR.selected : 0;
-    if (!mOpt.traceFile.empty()) host::TraceRecorder::setEnabledTags(0);
     gatherMemory();
-    checkLeaks(mR);
-    return mR;
+    return true;
 }
 
 }  // namespace
 
+ProcessReport runSimulations(std::vector<Scenario> const& pipelines, Options const& options, std::ostream& dumpOut) {
+    ProcessReport out;
+    host::HeapFactory::resetPeaks();
+    if (!options.traceFile.empty()) host::TraceRecorder::setEnabledTags(ATRACE_TAG_CAMERA);
+    std::vector<std::unique_ptr<Simulation>> sims;
+    std::vector<std::ostringstream> dumps(pipelines.size());
+    for (size_t i = 0; i < pipelines.size(); ++i) {
+        Options opt = options;
+        opt.seed = options.seed + i;  // each camera its own frame plan
+        if (i != 0) opt.progress = opt.progressLines = false;  // one progress output: the first pipeline's
+        sims.push_back(std::make_unique<Simulation>(pipelines[i], opt, dumps[i]));
+    }
+    std::vector<char> configured(sims.size(), 0);
+    if (sims.size() == 1) {
+        configured[0] = sims[0]->run();
+    } else {
+        // Each pipeline on its own thread, all at once, as the cameras of one provider process.
+        std::vector<std::thread> threads;
+        for (size_t i = 0; i < sims.size(); ++i) threads.emplace_back([&, i] { configured[i] = sims[i]->run(); });
+        for (auto& t : threads) t.join();
+    }
+    if (!options.traceFile.empty()) host::TraceRecorder::setEnabledTags(0);
+    for (auto& d : dumps) dumpOut << d.str();
+
+    // Every pipeline is done: nothing of any may be out now.
+    std::vector<std::string> problems(sims.size());
+    for (size_t i = 0; i < sims.size(); ++i) problems[i] = sims[i]->heapsInUse();
+    std::string process;
+    int64_t const images = host::StreamBufferFactory::imageAlive();
+    if (images != 0) process += " image stream buffers alive: " + std::to_string(images) + ";";
+    for (auto& sim : sims) sim->end();
+    // Metadata of large releases is destroyed by the process's metadata worker: give it a moment.
+    for (int i = 0; i < 2000 && host::StreamBufferFactory::metaAlive() != 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    int64_t const heaps = host::HeapFactory::alive();
+    int64_t const metas = host::StreamBufferFactory::metaAlive();
+    char const* const ended = sims.size() == 1 ? "the manager" : "every manager";
+    if (heaps != 0) process += std::string(" heaps alive after ") + ended + " ended: " + std::to_string(heaps) + ";";
+    if (metas != 0) process += " metadata buffers alive: " + std::to_string(metas) + ";";
+    out.peakBytes = host::HeapFactory::totalMemory().peakBytes;
+    out.leakFree = true;
+    for (size_t i = 0; i < sims.size(); ++i) {
+        RunReport r = std::move(sims[i]->report());
+        if (configured[i]) {
+            r.leakFree = problems[i].empty() && process.empty();
+            r.leakText = r.leakFree ? std::string("OK: every heap back in its pool, no stream buffer tracked, 0 heaps, 0 "
+                                                  "image and 0 metadata buffers alive after ") + ended + " ended"
+                                    : "LOST:" + problems[i] + process;
+        }
+        if (sims.size() > 1) {
+            // The process's peak is not one pipeline's: each gives the sum of its heaps' peaks.
+            r.peakBytes = 0;
+            for (auto const& m : r.memory) r.peakBytes += m.peakBytes;
+            r.peakBytesIsSum = true;
+        }
+        out.leakFree &= r.leakFree;
+        out.pipelines.push_back(std::move(r));
+    }
+    return out;
+}
+
 RunReport runSimulation(Scenario const& scenario, Options const& options, std::ostream& dumpOut) {
-    Simulation sim(scenario, options, dumpOut);
-    return sim.run();
+    return runSimulations({scenario}, options, dumpOut).pipelines.front();
 }
 
 void printReport(RunReport const& r, std::ostream& out) {
@@ -743,9 +797,9 @@ void printMemory(RunReport const& r, std::ostream& out) {
               static_cast<long long>(m.peakHeaps), bytesText(m.peakBytes).c_str());
         sum += m.peakBytes;
     }
-    print("%-16s %-9s %-20s %10s %4s %7s %9s %11s\n", "pipeline", "", "all at once", "", "", "", "",
-          bytesText(r.peakBytes).c_str());
-    if (sum != r.peakBytes) print("(the peaks of each add up to %s; they did not all fall at once)\n", bytesText(sum).c_str());
+    print("%-16s %-9s %-20s %10s %4s %7s %9s %11s\n", "pipeline", "", r.peakBytesIsSum ? "sum of peaks" : "all at once",
+          "", "", "", "", bytesText(r.peakBytes).c_str());
+    if (sum != r.peakBytes && !r.peakBytesIsSum) print("(the peaks of each add up to %s; they did not all fall at once)\n", bytesText(sum).c_str());
 }
 
 }  // namespace fbmsim

@@ -94,6 +94,7 @@ struct RunReport {
     double peakResidentMb = 0;
     std::vector<PoolMemory> memory;
     int64_t peakBytes = 0;   // of all the pipeline's heaps at once
+    bool peakBytesIsSum = false;  // several pipelines: the sum of each heap name's peak
     uint32_t warmupFrames = 0;
     bool stoppedEarly = false;  // after Options::stopAfterTimeouts
     bool leakFree = false;
@@ -104,6 +105,15 @@ struct RunReport {
 // Runs the scenario; `dumpOut` receives the state dump when asked. Never throws for a bad run:
 // what went wrong is in the report.
 RunReport runSimulation(Scenario const& scenario, Options const& options, std::ostream& dumpOut);
+
+// Several pipelines in one process, each its own manager on its own threads, all at once; they
+// share the process's metadata worker and debuggee registry. Leak-checked together at the end.
+struct ProcessReport {
+    std::vector<RunReport> pipelines;
+    int64_t peakBytes = 0;  // all heaps of all pipelines at once
+    bool leakFree = false;
+};
+ProcessReport runSimulations(std::vector<Scenario> const& pipelines, Options const& options, std::ostream& dumpOut);
 
 void printReport(RunReport const& report, std::ostream& out);
 void printMemory(RunReport const& report, std::ostream& out);

@@ -255,30 +255,37 @@ int main(int argc, char** argv) {
         opt.props.emplace_back(p.substr(0, eq), static_cast<int>(value));
     }
 
-    Scenario scenario;
+    std::vector<Scenario> pipelines;
     try {
-        scenario = scenarioFile.empty() ? parseScenario(defaultScenarioJson()) : loadScenario(scenarioFile);
+        pipelines = scenarioFile.empty() ? std::vector<Scenario>{parseScenario(defaultScenarioJson())}
+                                         : loadScenarios(scenarioFile);
     } catch (ScenarioError const& e) {
         return usageError(std::string("bad scenario: ") + e.what());
     }
-    if (frames != 0) scenario.frames = static_cast<uint32_t>(frames);
-    if (fps != 0) scenario.fps = fps;
     std::string const place = scenarioFile.empty() ? "" : scenarioFile + ": ";
-    for (auto const& problem : scenario.groupProblems) {
-        if (allowBadGroups) {
-            std::cerr << "fbm-sim: WARNING: " << place << problem << ": the library will refuse it\n";
-        } else {
-            std::cerr << "fbm-sim: bad scenario: " << place << problem << "\n";
+    bool badGroups = false;
+    for (auto& scenario : pipelines) {
+        if (frames != 0) scenario.frames = static_cast<uint32_t>(frames);
+        if (fps != 0) scenario.fps = fps;
+        for (auto const& problem : scenario.groupProblems) {
+            badGroups = true;
+            if (allowBadGroups) {
+                std::cerr << "fbm-sim: WARNING: " << place << problem << ": the library will refuse it\n";
+            } else {
+                std::cerr << "fbm-sim: bad scenario: " << place << problem << "\n";
+            }
+        }
+        uint32_t const inFlight = opt.resultThreads == 0 ? 1 : scenario.inFlightDepth;
+        for (auto const& warning :
+             starvationWarnings(scenario, acquireTimeoutMs(scenario.properties, opt.props), inFlight)) {
+            if (!planning) std::cerr << "fbm-sim: warning: " << warning << "\n";  // a plan tries other maximums
         }
     }
-    if (!scenario.groupProblems.empty() && !allowBadGroups) {
+    if (badGroups && !allowBadGroups) {
         return usageError("bad sharing groups: the library would refuse them in part "
                           "(--allow-bad-groups runs the scenario to watch it do so)");
     }
-    uint32_t const inFlight = opt.resultThreads == 0 ? 1 : scenario.inFlightDepth;
-    for (auto const& warning : starvationWarnings(scenario, acquireTimeoutMs(scenario.properties, opt.props), inFlight)) {
-        if (!planning) std::cerr << "fbm-sim: warning: " << warning << "\n";  // a plan tries other maximums
-    }
+    if (planning && pipelines.size() != 1) return usageError("plan: the scenario must hold a single pipeline");
 
     // Logging: nothing is kept in memory (long runs); the log goes to stderr when asked.
     vexlor::host::LogCapture::setCapturing(false);
@@ -287,7 +294,7 @@ int main(int argc, char** argv) {
                                   opt.logcat ? 1 : 0);
     vexlor::host::HeapFactory::setRealMemory(opt.realMemory);
     bool const terminal = isatty(STDERR_FILENO) != 0;
-    if (planning) return plan(scenario, opt, planOpt, varyTexts, runsText, jsonFile, noProgress || opt.logcat, terminal);
+    if (planning) return plan(pipelines.front(), opt, planOpt, varyTexts, runsText, jsonFile, noProgress || opt.logcat, terminal);
 
     // Every output is made before the run: a bad path costs nothing.
     std::string error;
@@ -305,8 +312,21 @@ int main(int argc, char** argv) {
     opt.progressLines = !noProgress && !opt.logcat && !terminal;
 
     if (!opt.traceFile.empty()) trace.start();
-    RunReport report = runSimulation(scenario, opt, std::cout);
-    printReport(report, std::cout);
+    ProcessReport process = runSimulations(pipelines, opt, std::cout);
+    bool const several = process.pipelines.size() > 1;
+    for (auto const& report : process.pipelines) {
+        if (several) std::cout << "\n==== pipeline \"" << report.scenario << "\" ====\n";
+        printReport(report, std::cout);
+    }
+    if (several) {
+        std::cout << "\n==== process ====\n" << process.pipelines.size()
+                  << " pipelines at once: peak bytes of all heaps at once " << bytesText(process.peakBytes)
+                  << "; leak check: " << (process.leakFree ? "OK" : "LOST") << "\n";
+        if (!seriesPath.empty()) {
+            std::cout << "(series and plot show the first pipeline, \"" << process.pipelines[0].scenario << "\")\n";
+        }
+    }
+    RunReport const& report = process.pipelines.front();
     bool written = true;
     auto failed = [&](std::string const& message) {
         std::cerr << "fbm-sim: " << message << "\n";
@@ -322,7 +342,7 @@ int main(int argc, char** argv) {
         else failed(error);
     }
     if (json.isOpen()) {
-        json.out() << reportJson(report);
+        json.out() << (several ? processJson(process) : reportJson(report));
         if (!json.close(error)) failed(error);
         else std::cout << "json: " << jsonFile << "\n";
     }
@@ -332,6 +352,6 @@ int main(int argc, char** argv) {
     }
     std::cout.flush();
     if (!std::cout) return kExitLost;  // the report itself could not be written
-    return report.leakFree && written ? 0 : kExitLost;
+    return process.leakFree && written ? 0 : kExitLost;
 }
 
