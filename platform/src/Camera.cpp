@@ -189,6 +189,7 @@ struct HeapStats {
     std::vector<vexlor::host::HeapCreateCall> calls;
     std::function<void()> hook;
     std::vector<std::weak_ptr<nivo::IImageBufferHeap>> live;  // pruned as heaps die
+    std::map<std::string, std::vector<std::weak_ptr<nivo::IImageBufferHeap>>> liveByName;  // likewise
 };
 HeapStats& heapStats() {
     static HeapStats* s = new HeapStats;
@@ -214,7 +215,9 @@ public:
         if (mMemory != nullptr) munmap(mMemory, static_cast<size_t>(mBytes));
         auto& s = heapStats();
         std::lock_guard<std::mutex> lk(s.lock);
-        s.byName[mName].remove(mBytes);
+        auto& named = s.byName[mName];
+        named.remove(mBytes);
+        if (named.heaps == 0) s.liveByName.erase(mName);  // its weak handles would keep the memory
         s.total.remove(mBytes);
         --s.alive;
         ++s.events;
@@ -262,6 +265,11 @@ std::shared_ptr<IImageBufferHeap> IImageBufferHeapFactory::create(
                      s.live.end());
     }
     s.live.push_back(heap);
+    auto& mine = s.liveByName[name];
+    if (mine.size() >= 8 && mine.size() >= 2 * static_cast<size_t>(s.byName[name].heaps)) {
+        mine.erase(std::remove_if(mine.begin(), mine.end(), [](auto const& w) { return w.expired(); }), mine.end());
+    }
+    mine.push_back(heap);
     ++s.created;
     ++s.alive;
     ++s.events;
@@ -545,6 +553,25 @@ void HeapFactory::resetPeaks() {
     s.total.peakHeaps = s.total.heaps;
 }
 void HeapFactory::setRealMemory(bool on) { heapStats().realMemory = on; }
+
+HeapFactory::Occupancy HeapFactory::occupancyOf(std::string const& heapName) {
+    std::vector<std::weak_ptr<nivo::IImageBufferHeap>> live;
+    {
+        auto& s = heapStats();
+        std::lock_guard<std::mutex> lk(s.lock);
+        auto it = s.liveByName.find(heapName);
+        if (it == s.liveByName.end()) return {};
+        live = it->second;
+    }
+    Occupancy o;
+    for (auto const& w : live) {
+        long const owners = w.use_count();  // read before locking adds one
+        if (owners == 0 || !w.lock()) continue;
+        ++o.alive;
+        o.idle += owners == 1;
+    }
+    return o;
+}
 
 void HeapFactory::setCreateHook(std::function<void()> hook) {
     auto& s = heapStats();

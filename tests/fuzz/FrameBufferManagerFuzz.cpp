@@ -1,8 +1,11 @@
 // libFuzzer harness: input bytes become a sequence of calls on the manager's public interfaces
-// (configure, request, track, results with arbitrary buffers and flags, selection, clones,
-// release, pool control, dumps). After each sequence the pipeline lets go of everything, and then
-// the invariants must hold: the ready counters agree with the ready list, no stream buffer is
-// tracked, and once the manager ends no heap is alive. A broken invariant aborts (a crash).
+// (request, track, results with arbitrary buffers and flags, selection, clones, release, pool
+// control, dumps) on a configured pipeline. After each sequence the pipeline lets go of
+// everything, and then the invariants must hold: no frame in flight, the ready counters agree
+// with the ready list, no stream buffer is tracked, every heap of the pipeline waits in its pool,
+// no metadata buffer is alive; and whenever a manager ends, no heap it made is alive. A broken
+// invariant aborts (a crash). Pipelines are kept from input to input (see pipelines()): a crash
+// may need the inputs run before it, which libFuzzer's crash-*/ files do not carry.
 #include <cstdio>
 #include <cstdlib>
 #include <list>
@@ -44,6 +47,15 @@ private:
 class Manager : public FrameBufferManagerImpl {
 public:
     using FrameBufferManagerImpl::FrameBufferManagerImpl;
+    // Whether a history set on the ready list holds a heap of this stream's pool.
+    bool readyHolds(StreamId_T id) {
+        auto const pool = getPoolStreams(id);
+        NSCam::LockGuard<NSCam::TimedMutex> lk(mReadyLock);
+        for (auto const& set : mReadyList)
+            for (auto const& image : set.halImage)
+                if (image && pool.count(image->streamInfoOf()->streamId()) != 0) return true;
+        return false;
+    }
     void checkCounters() {
         NSCam::LockGuard<NSCam::TimedMutex> lk(mReadyLock);
         std::map<StreamId_T, int32_t> expected;
@@ -71,7 +83,7 @@ public:
     void printFormatLine(char const*, ...) override {}
 };
 
-std::shared_ptr<IImageStreamInfo> image(StreamId_T id, char const* name, size_t max, bool deferred = false,
+std::shared_ptr<IImageStreamInfo> image(StreamId_T id, std::string const& name, size_t max, bool deferred = false,
                                         int32_t w = 64) {
     Utils::ImageStreamInfoParams p;
     p.name = name;
@@ -87,25 +99,45 @@ std::shared_ptr<IImageStreamInfo> image(StreamId_T id, char const* name, size_t 
     return Utils::makeImageStreamInfo(p);
 }
 
+std::string hex(StreamId_T id) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%#lx", static_cast<long>(id));
+    return buf;
+}
+
 struct Pipeline {
     std::shared_ptr<Manager> m = std::make_shared<Manager>("fuzz");
     std::vector<std::shared_ptr<IImageStreamInfo>> images;
-    std::vector<std::shared_ptr<IMetaStreamInfo>> metas{Utils::makeMetaStreamInfo("hal", 0x100),
-                                                        Utils::makeMetaStreamInfo("app", 0x101)};
+    std::vector<std::shared_ptr<IMetaStreamInfo>> metas;
     std::vector<SbPtr> held;  // the pipeline's own buffers
     std::list<HBS> selected;  // sets the selector keeps for itself
     std::shared_ptr<Provider> provider = std::make_shared<Provider>();
 
-    void configure(Bytes& in) {
+    std::map<StreamId_T, int> configuredMax;  // what every input starts from
+    bool triggered = false;                   // the deferred pool: cannot be undone
+
+    // Each pipeline has its own stream ids and names, so its heaps (named after its streams or,
+    // when shared, its ids) are told apart from those of the other pipelines kept alive.
+    StreamId_T base = 0;
+    std::string suffix;
+    StreamId_T id(StreamId_T low) const { return base | low; }
+
+    void configure(uint8_t shape) {
+        static uint32_t instances = 0;  // a pipeline keeps its names when it changes places
+        uint32_t const instance = ++instances % (1u << 20);
+        base = StreamId_T{instance} << 12;
+        suffix = "." + std::to_string(instance);
+        metas = {Utils::makeMetaStreamInfo("hal" + suffix, id(0x100)), Utils::makeMetaStreamInfo("app" + suffix, id(0x101))};
         m->initialize(m);
-        uint8_t const shape = in.next();
-        images = {image(0x1, "preview", 1 + shape % 3), image(0x2, "fullA", 3), image(0x3, "fullB", 3),
-                  image(0x4, "runtime", 1), image(0x5, "halProv", 1), image(0x6, "appProv", 1),
-                  image(0x7, "deferred", 2, true)};
+        std::string const& k = suffix;
+        images = {image(id(0x1), "preview" + k, 1 + shape % 3), image(id(0x2), "fullA" + k, 3),
+                  image(id(0x3), "fullB" + k, 3),         image(id(0x4), "runtime" + k, 1),
+                  image(id(0x5), "halProv" + k, 1),       image(id(0x6), "appProv" + k, 1),
+                  image(id(0x7), "deferred" + k, 2, true)};
         IFrameBufferManager::ConfigureStreams cfg;
         cfg.sharedGroups = std::make_shared<std::vector<std::set<StreamId_T>>>();
-        if (shape & 0x10) cfg.sharedGroups->push_back({0x2, 0x3});
-        if (shape & 0x20) cfg.sharedGroups->push_back({0x1, 0x4, 0x9});  // mixed: warnings
+        if (shape & 0x10) cfg.sharedGroups->push_back({id(0x2), id(0x3)});
+        if (shape & 0x20) cfg.sharedGroups->push_back({id(0x1), id(0x4), id(0x9)});  // mixed: warnings
         StreamAttribute const attrs[] = {eHAL_IMAGE_POOL,     eHAL_IMAGE_POOL,     eHAL_IMAGE_POOL,
                                          eHAL_IMAGE_RUNTIME,  eHAL_IMAGE_PROVIDER, eAPP_IMAGE_PROVIDER,
                                          eHAL_IMAGE_POOL};
@@ -117,27 +149,61 @@ struct Pipeline {
         if (shape & 0x40) m->beginConfigure();
         check(m->configureStreams(cfg) == 0, "configureStreams");
         m->endConfigure();
-        // Requests right after set-up would wait for the pools' first heaps.
+        if (shape & 0x80) trigger();
+        recordPools();
+    }
+
+    void trigger() {
+        m->triggerBufferPool(id(0x7));
+        triggered = true;
+    }
+
+    // The pools as they are now become what every input starts from.
+    void recordPools() {
+        configuredMax.clear();
+        for (auto const& info : images) {
+            int max = 0, allocated = 0;
+            if (m->getBufferPoolMaxBufCount(info->streamId(), max, allocated) == 0) configuredMax[info->streamId()] = max;
+        }
+        waitForPools();
+    }
+
+    // Requests right after the pools were sized would wait for their heaps in 10 ms slices.
+    void waitForPools() {
         host::HeapFactory::waitFor([&](int64_t, int64_t) {
-            for (StreamId_T id : {0x1, 0x2, 0x4}) {
+            for (auto const& [id, configured] : configuredMax) {
                 int max = 0, allocated = 0;
                 m->getBufferPoolMaxBufCount(id, max, allocated);
-                if (allocated < max) return false;
+                if (allocated != max) return false;
             }
             return true;
         });
     }
 
+    // Puts the pools back to their maximums for the next input.
+    void restore() {
+        bool changed = false;
+        for (auto const& [id, configured] : configuredMax) {
+            int max = 0, allocated = 0;
+            m->getBufferPoolMaxBufCount(id, max, allocated);
+            if (max == configured) continue;
+            int restored = configured;
+            m->updateBufferPoolMaxBufCount(id, restored);
+            changed = true;
+        }
+        if (changed) waitForPools();
+    }
+
     void request(Bytes& in) {
         uint8_t const pick = in.next();
         auto const& info = images[pick % images.size()];
-        // A pool with no heap waiting and nothing to release waits out its time-out in 10 ms
-        // slices: asked for only now and then, to keep the fuzzer fast.
+        // A pool with no heap waiting waits a 10 ms slice before it gives up or is fed by the
+        // release of history sets. It is asked anyway now and then when the ready list holds
+        // its heaps (the release path), and rarely when nothing does (the time-out).
         auto config = m->queryConfigImageStream(info->streamId());
-        if (config && config->allocInfo && (pick & 0xF0) != 0xF0) {
-            auto const occupancy = host::HeapFactory::occupancy();
-            auto it = occupancy.find(config->allocInfo->streamName());
-            if (it == occupancy.end() || it->second.idle == 0) return;
+        if (config && config->allocInfo && host::HeapFactory::occupancyOf(config->allocInfo->streamName()).idle == 0) {
+            bool const release = (pick & 0xF0) == 0xF0 && m->readyHolds(info->streamId());
+            if (!release && pick != 0xFF) return;
         }
         SbPtr got;
         m->requestStreamBuffer([&](SbPtr const& sb) { got = sb; }, {1, 1, info});
@@ -157,8 +223,8 @@ struct Pipeline {
         auto p = std::make_shared<TrackFrameResultParams>();
         for (size_t i = 0; i < images.size(); ++i)
             if (mask & (1u << i)) p->halImage.insert(images[i]->streamId());
-        if (mask & 0x80) p->halMeta.insert(0x100);
-        if (in.next() & 1) p->appMeta.insert(0x101);
+        if (mask & 0x80) p->halMeta.insert(id(0x100));
+        if (in.next() & 1) p->appMeta.insert(id(0x101));
         p->isRecyclable = in.next() % 4 != 0;
         m->trackFrameResult({frame, frame, p});
     }
@@ -230,8 +296,53 @@ struct Pipeline {
         check(m->peekInflights().empty(), "no frame left in flight");
         m->checkCounters();
         check(host::StreamBufferFactory::imageAlive() == 0, "no stream buffer tracked");
+        // Every heap of the pipeline's pools waits in its pool: nobody but the pool holds one.
+        for (auto const& info : images) {
+            auto config = m->queryConfigImageStream(info->streamId());
+            if (!config || !config->allocInfo || !config->pPool) continue;
+            auto const o = host::HeapFactory::occupancyOf(config->allocInfo->streamName());
+            check(o.idle == o.alive, "every heap back in its pool");
+        }
     }
 };
+
+// A pipeline per configuration, kept from input to input: a manager and its pool workers cost
+// more to start and stop than a whole input costs to run. Each input starts from its pipeline as
+// configured, the deferred pool triggered or not as the input's first byte says. A pipeline whose
+// deferred pool an input triggered cannot go back: it takes the place of the triggered
+// configuration when that is free, or it ends.
+std::map<uint8_t, std::unique_ptr<Pipeline>>& pipelines() {
+    static auto* p = new std::map<uint8_t, std::unique_ptr<Pipeline>>;
+    return *p;
+}
+
+// Once a manager has ended, no heap it made may be alive.
+void end(std::unique_ptr<Pipeline> p) {
+    std::vector<std::string> names;
+    for (auto const& info : p->images) names.push_back(info->streamName());
+    names.push_back("shared-" + hex(p->id(0x2)) + "-" + hex(p->id(0x3)));
+    p.reset();
+    check(host::HeapFactory::waitFor(
+              [&](int64_t, int64_t) {
+                  for (auto const& name : names)
+                      if (host::HeapFactory::occupancyOf(name).alive != 0) return false;
+                  return true;
+              },
+              std::chrono::seconds(5)),
+          "no heap alive once the manager ended");
+}
+
+// At the end of a run every pipeline kept ends, and then no heap at all may be alive.
+void endAll() {
+    auto& all = pipelines();
+    while (!all.empty()) {
+        auto p = std::move(all.begin()->second);
+        all.erase(all.begin());
+        end(std::move(p));
+    }
+    check(host::HeapFactory::waitFor([](int64_t, int64_t alive) { return alive == 0; }, std::chrono::seconds(5)),
+          "no heap alive once every manager ended");
+}
 
 }  // namespace
 
@@ -241,13 +352,22 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
         host::LogCapture::setCapturing(false);
         host::setProperty("vendor.debug.camera.pipeline.fbm.acquire.timeout", 0);
         host::DebuggeeRegistry::setPresent(false);
+        std::atexit(endAll);
         return true;
     }();
     (void)once;
     Bytes in(data, size);
+    // The configuration's bytes: the preview pool's maximum and the sharing groups. Whether the
+    // configuration was opened with beginConfigure only changes where its warnings go.
+    uint8_t const shape = in.next();
+    uint8_t const key = static_cast<uint8_t>((shape % 3) | (shape & 0xF0));
+    auto& slot = pipelines()[key];
+    if (!slot) {
+        slot = std::make_unique<Pipeline>();
+        slot->configure(shape);
+    }
     {
-        Pipeline p;
-        p.configure(in);
+        Pipeline& p = *slot;
         NullPrinter printer;
         for (int ops = 0; ops < 48 && !in.done(); ++ops) {
             switch (in.next() % 11) {
@@ -261,16 +381,32 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
                     p.m->updateBufferPoolMaxBufCount(p.images[in.next() % p.images.size()]->streamId(), max);
                     break;
                 }
-                case 8: p.m->triggerBufferPool(0x7); break;
+                case 8: {
+                    // Triggering the deferred pool makes the pipeline one of another kind, which
+                    // costs a new pipeline: rare here, as inputs may also start with it triggered.
+                    uint8_t const which = in.next();
+                    if (which == 0xA7) p.trigger();
+                    else p.m->triggerBufferPool(p.images[which % 6]->streamId());  // not deferred: no-op
+                    break;
+                }
                 case 9: p.m->dumpState(printer); break;
                 default: p.m->enableFrameResultRecyclable(in.next(), true); break;
             }
         }
         p.finish();
     }
-    check(host::HeapFactory::waitFor([](int64_t, int64_t alive) { return alive == 0; },
-                                     std::chrono::seconds(5)),
-          "no heap alive once the manager ended");
+    slot->restore();
+    if (slot->triggered && (key & 0x80) == 0) {
+        std::unique_ptr<Pipeline> changed = std::move(slot);
+        pipelines().erase(key);
+        auto& triggeredSlot = pipelines()[static_cast<uint8_t>(key | 0x80)];
+        if (triggeredSlot) {
+            end(std::move(changed));
+        } else {
+            changed->recordPools();
+            triggeredSlot = std::move(changed);
+        }
+    }
     check(host::StreamBufferFactory::metaAlive() == 0 ||
               host::HeapFactory::waitFor([](int64_t, int64_t) { return host::StreamBufferFactory::metaAlive() == 0; },
                                          std::chrono::seconds(5)),

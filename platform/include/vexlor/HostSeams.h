@@ -103,6 +103,7 @@ public:
         int64_t idle = 0;
     };
     static std::map<std::string, Occupancy> occupancy();
+    static Occupancy occupancyOf(std::string const& heapName);  // one name's, without visiting the rest
 
     // A heap's byte size: a blob's size (width x height) for a blob format, otherwise the sum of
     // its plane buffer sizes.
