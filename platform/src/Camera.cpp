@@ -175,9 +175,16 @@ struct HeapMemoryStats {
     }
 };
 
+// A heap name's figures and its live heaps. A heap keeps a pointer to its name's entry (map
+// nodes do not move); an entry is erased only when no heap of its name is alive.
+struct NameEntry {
+    HeapMemoryStats stats;
+    std::vector<std::weak_ptr<nivo::IImageBufferHeap>> live;  // pruned as heaps die
+};
+
 struct HeapStats {
     std::mutex lock;
-    std::map<std::string, HeapMemoryStats> byName;
+    std::map<std::string, NameEntry> byName;
     HeapMemoryStats total;
     std::atomic<bool> realMemory{false};
     std::condition_variable cond;
@@ -189,7 +196,6 @@ struct HeapStats {
     std::vector<vexlor::host::HeapCreateCall> calls;
     std::function<void()> hook;
     std::vector<std::weak_ptr<nivo::IImageBufferHeap>> live;  // pruned as heaps die
-    std::map<std::string, std::vector<std::weak_ptr<nivo::IImageBufferHeap>>> liveByName;  // likewise
 };
 HeapStats& heapStats() {
     static HeapStats* s = new HeapStats;
@@ -215,15 +221,18 @@ public:
         if (mMemory != nullptr) munmap(mMemory, static_cast<size_t>(mBytes));
         auto& s = heapStats();
         std::lock_guard<std::mutex> lk(s.lock);
-        auto& named = s.byName[mName];
-        named.remove(mBytes);
-        if (named.heaps == 0) s.liveByName.erase(mName);  // its weak handles would keep the memory
+        mEntry->stats.remove(mBytes);
+        if (mEntry->stats.heaps == 0) {
+            // Weak handles keep the memory of a make_shared heap: none is kept for a dead name.
+            std::vector<std::weak_ptr<nivo::IImageBufferHeap>>().swap(mEntry->live);
+        }
         s.total.remove(mBytes);
         --s.alive;
         ++s.events;
         s.cond.notify_all();
     }
     char const* heapName() const override { return mName.c_str(); }
+    NameEntry* mEntry = nullptr;  // set at creation under the factory's lock
 
 private:
     std::string mName;
@@ -258,15 +267,17 @@ std::shared_ptr<IImageBufferHeap> IImageBufferHeapFactory::create(
     std::string name = heapName ? heapName : "";
     auto heap = std::make_shared<HostHeap>(name, bytes, memory);
     std::lock_guard<std::mutex> lk(s.lock);
-    s.byName[name].add(bytes);
+    NameEntry& entry = s.byName[name];
+    heap->mEntry = &entry;
+    entry.stats.add(bytes);
     s.total.add(bytes);
     if (s.live.size() >= 64 && s.live.size() >= 2 * static_cast<size_t>(s.alive)) {
         s.live.erase(std::remove_if(s.live.begin(), s.live.end(), [](auto const& w) { return w.expired(); }),
                      s.live.end());
     }
     s.live.push_back(heap);
-    auto& mine = s.liveByName[name];
-    if (mine.size() >= 8 && mine.size() >= 2 * static_cast<size_t>(s.byName[name].heaps)) {
+    auto& mine = entry.live;
+    if (mine.size() >= 8 && mine.size() >= 2 * static_cast<size_t>(entry.stats.heaps)) {
         mine.erase(std::remove_if(mine.begin(), mine.end(), [](auto const& w) { return w.expired(); }), mine.end());
     }
     mine.push_back(heap);
@@ -529,7 +540,10 @@ std::map<std::string, HeapFactory::Memory> HeapFactory::memory() {
     auto& s = heapStats();
     std::lock_guard<std::mutex> lk(s.lock);
     std::map<std::string, Memory> out;
-    for (auto const& [name, m] : s.byName) out[name] = {m.bytes, m.peakBytes, m.heaps, m.peakHeaps};
+    for (auto const& [name, e] : s.byName) {
+        auto const& m = e.stats;
+        out[name] = {m.bytes, m.peakBytes, m.heaps, m.peakHeaps};
+    }
     return out;
 }
 HeapFactory::Memory HeapFactory::totalMemory() {
@@ -541,12 +555,13 @@ void HeapFactory::resetPeaks() {
     auto& s = heapStats();
     std::lock_guard<std::mutex> lk(s.lock);
     for (auto it = s.byName.begin(); it != s.byName.end();) {
-        if (it->second.heaps == 0) {
-            it = s.byName.erase(it);
+        auto& m = it->second.stats;
+        if (m.heaps == 0) {
+            it = s.byName.erase(it);  // no heap points at it
             continue;
         }
-        it->second.peakBytes = it->second.bytes;
-        it->second.peakHeaps = it->second.heaps;
+        m.peakBytes = m.bytes;
+        m.peakHeaps = m.heaps;
         ++it;
     }
     s.total.peakBytes = s.total.bytes;
@@ -559,9 +574,9 @@ HeapFactory::Occupancy HeapFactory::occupancyOf(std::string const& heapName) {
     {
         auto& s = heapStats();
         std::lock_guard<std::mutex> lk(s.lock);
-        auto it = s.liveByName.find(heapName);
-        if (it == s.liveByName.end()) return {};
-        live = it->second;
+        auto it = s.byName.find(heapName);
+        if (it == s.byName.end()) return {};
+        live = it->second.live;
     }
     Occupancy o;
     for (auto const& w : live) {
