@@ -163,23 +163,24 @@ int main(int argc, char** argv) {
     bool allowBadGroups = false;
     app.add_option("--scenario", scenarioFile,
                    "JSON file describing streams, sharing groups, pool sizes and the selector "
-                   "(default: the built-in scenario, also in tools/scenarios/default.json)");
-    app.add_option("-n,--frames", framesText, "frames to run, 1 to 100000000 (default: the scenario's)");
-    app.add_option("--fps", fpsText, "frame rate of the simulated timestamps, 0.1 to 1000 (default: the scenario's)");
-    app.add_option("--seed", seedText, "random seed; the same seed gives the same frame plan and counts");
+                   "(default: the built-in scenario, also in tools/scenarios/default.json)")->type_name("FILE");
+    app.add_option("-n,--frames", framesText, "frames to run, 1 to 100000000 (default: the scenario's)")->type_name("N");
+    app.add_option("--fps", fpsText, "frame rate of the simulated timestamps, 0.1 to 1000 (default: the scenario's)")->type_name("FPS");
+    app.add_option("--seed", seedText, "random seed; the same seed gives the same frame plan and counts")->type_name("SEED");
     app.add_option("--result-threads", threadsText,
                    "threads returning results, 0 to 16 (default 2); 0 returns them, and selects, on the "
-                   "requesting thread, which makes every count repeatable");
+                   "requesting thread, which makes every count repeatable")
+        ->type_name("N");
     app.add_flag("--realtime", opt.realtime, "pace frames at the frame rate instead of as fast as possible");
     app.add_option("--prop", props,
                    "system property key=value, e.g. vendor.debug.camera.pipeline.fbm.acquire.timeout=200 "
-                   "or vendor.debug.camera.log.pipeline.fbm=2 (repeatable)");
+                   "or vendor.debug.camera.log.pipeline.fbm=2 (repeatable)")->type_name("KEY=VALUE");
     app.add_flag("--logcat", opt.logcat, "print the manager's log lines to standard error, logcat-like");
-    app.add_option("--log-level", levelText, "unified log detail level: 1 error, 2 warning, 3 info, 5 debug");
+    app.add_option("--log-level", levelText, "unified log detail level: 1 error, 2 warning, 3 info, 5 debug")->type_name("LEVEL");
     app.add_flag("--dump", opt.dump, "print the manager's state dump at the end of the run");
-    app.add_option("--trace", opt.traceFile, "write the run's trace sections as JSON (opens in ui.perfetto.dev)");
-    app.add_option("--series", opt.seriesFile, "write pool occupancy and ready-list length over the run (TSV)");
-    app.add_option("--plot", opt.plotFile, "render the series as a PNG plot (needs gnuplot)");
+    app.add_option("--trace", opt.traceFile, "write the run's trace sections as JSON (opens in ui.perfetto.dev)")->type_name("FILE");
+    app.add_option("--series", opt.seriesFile, "write pool occupancy and ready-list length over the run (TSV)")->type_name("FILE");
+    app.add_option("--plot", opt.plotFile, "render the series as a PNG plot (needs gnuplot)")->type_name("FILE");
     app.add_flag("--no-progress", noProgress,
                  "no progress on standard error (a bar on a terminal, else a line every 5 s)");
     app.add_flag("--print-scenario", printScenario, "print the built-in scenario as JSON and exit");
@@ -187,7 +188,7 @@ int main(int argc, char** argv) {
                  "run a scenario whose sharing groups the library will refuse in part, to watch it do so");
     app.add_flag("--inject-leak", opt.injectLeak,
                  "the pipeline forgets to release one pooled buffer (shows the leak check failing)");
-    app.add_option("--json", jsonFile, "write the whole report (counts, latencies, memory) as JSON");
+    app.add_option("--json", jsonFile, "write the whole report (counts, latencies, memory) as JSON")->type_name("FILE");
     app.add_flag("--real-memory", opt.realMemory,
                  "make every heap real memory of its size, pages touched (device-like resident memory and "
                  "allocation time; slower)");
@@ -200,11 +201,11 @@ int main(int argc, char** argv) {
                 "stream with no time-outs and no 10 ms waits, with the memory it saves; takes the run options "
                 "above (--plot draws time-outs, p99 latency and peak memory against the maximum)");
     planCmd->fallthrough();  // the run options above are given after "plan" too
-    planCmd->add_option("--vary", varyTexts, "STREAM=FROM..TO: the maximums to try for a pool stream (repeatable)")
-        ->required();
+    planCmd->add_option("--vary", varyTexts, "the maximums to try for a pool stream, e.g. fullA=3..9 (repeatable)")
+        ->required()->type_name("STREAM=FROM..TO");
     planCmd->add_option("--runs", runsText,
                         "runs per value, 1 to 20 (default 1, or 3 with --result-threads above 0, whose "
-                        "results vary from run to run)");
+                        "results vary from run to run)")->type_name("N");
 
     try {
         app.parse(argc, argv);
