@@ -98,8 +98,21 @@ json scenario(Rng& rng) {
     return s;
 }
 
-std::vector<std::string> options(Rng& rng, std::string const& dir) {
+std::vector<std::string> options(Rng& rng, std::string const& dir, json const& scenario) {
     std::vector<std::string> a;
+    if (chance(rng, 15)) {
+        // A plan over a few maximums of one of the scenario's streams (or of a name it lacks).
+        a.push_back("plan");
+        a.push_back("--vary");
+        std::string stream = "nope";
+        if (scenario.contains("images") && !chance(rng, gHostilePercent)) {
+            auto const& images = scenario["images"];
+            auto const& image = images[rng() % images.size()];
+            if (image["name"].is_string()) stream = image["name"].get<std::string>();
+        }
+        int const from = 1 + static_cast<int>(rng() % 6);
+        a.push_back(stream + "=" + std::to_string(from) + ".." + std::to_string(from + static_cast<int>(rng() % 3)));
+    }
     a.push_back("-n");
     a.push_back(!chance(rng, gHostilePercent) ? std::to_string(1 + rng() % 60) : pick<std::string>(rng, {"0", "-1", "1e3", "abc", "4294967297"}));
     // Starved requests wait this long: bounded, so a starving scenario ends in seconds.
@@ -160,13 +173,14 @@ TEST(SimulatorFuzz, RandomScenariosAndOptionsEndCleanly) {
     for (int i = 0; i < runs && std::chrono::steady_clock::now() - start < budget; ++i, ++ran) {
         Rng rng(seed + static_cast<uint64_t>(i));
         gHostilePercent = i % 2 == 0 ? 0 : 8;
-        std::string text = scenario(rng).dump(-1, ' ', false, json::error_handler_t::replace);
+        json const generated = scenario(rng);
+        std::string text = generated.dump(-1, ' ', false, json::error_handler_t::replace);
         if (chance(rng, gHostilePercent)) text.resize(rng() % text.size());  // a file cut short
         std::string const file = dir + "/scenario-" + std::to_string(i) + ".json";
         std::ofstream(file) << text;
         simtest::SimSpawn how;
         how.args = {"--scenario", file};
-        auto const more = options(rng, dir);
+        auto const more = options(rng, dir, generated);
         how.args.insert(how.args.end(), more.begin(), more.end());
         how.limit = std::chrono::seconds(60);
         simtest::SimRun r = simtest::runSim(how);
@@ -178,7 +192,13 @@ TEST(SimulatorFuzz, RandomScenariosAndOptionsEndCleanly) {
         for (char const* report : {"Sanitizer", "runtime error:", "terminate called"}) {
             ASSERT_EQ(r.out.find(report), std::string::npos) << repro;
         }
-        if (r.exitCode != 2) {
+        bool const planned = how.args.size() > 2 && how.args[2] == "plan";
+        if (planned) {
+            ASSERT_EQ(r.out.find("LOST BUFFERS"), std::string::npos) << repro;
+            if (r.exitCode == 0) {
+                ASSERT_NE(r.out.find("recommendation:"), std::string::npos) << repro;
+            }
+        } else if (r.exitCode != 2) {
             ASSERT_NE(r.out.find("leak check: OK"), std::string::npos) << repro;
         } else {
             ASSERT_NE(r.out.find("fbm-sim: "), std::string::npos) << "exit 2 without a reason: " << repro;
