@@ -11,6 +11,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -98,6 +100,16 @@ inline SimRun runSim(SimSpawn const& how) {
     watchdog.join();
     r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return r;
+}
+
+inline bool has(SimRun const& r, std::string const& text) { return r.out.find(text) != std::string::npos; }
+
+// A file's whole text (empty when it cannot be read).
+inline std::string slurp(std::string const& path) {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
 }
 
 inline SimRun runSim(std::vector<std::string> args) { 

@@ -20,7 +20,9 @@
 
 namespace {
 
+using simtest::has;
 using simtest::runSim;
+using simtest::slurp;
 using simtest::SimRun;
 using simtest::SimSpawn;
 
@@ -52,15 +54,6 @@ struct TempDir {
         return *this / name;
     }
 };
-
-std::string slurp(std::string const& path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-bool has(SimRun const& r, std::string const& s) { return r.out.find(s) != std::string::npos; }
 
 bool isPng(std::string const& path) { return slurp(path).rfind("\x89PNG", 0) == 0; }
 

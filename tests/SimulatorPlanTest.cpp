@@ -12,7 +12,9 @@
 
 namespace {
 
+using simtest::has;
 using simtest::runSim;
+using simtest::slurp;
 using simtest::SimRun;
 
 std::string tempFile(std::string const& name, std::string const& text) {
@@ -20,15 +22,6 @@ std::string tempFile(std::string const& name, std::string const& text) {
     std::ofstream(path) << text;
     return path;
 }
-
-std::string slurp(std::string const& path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-bool has(SimRun const& r, std::string const& s) { return r.out.find(s) != std::string::npos; }
 
 // One kept pool stream and a selector that holds exactly `k` sets (the newest of each selection,
 // until the next one). Results and selection on the requesting thread: one frame's buffer is in

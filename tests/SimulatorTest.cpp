@@ -13,6 +13,7 @@
 namespace {
 
 using simtest::runSim;
+using simtest::slurp;
 using simtest::SimRun;
 
 // Arguments split at blanks: for the tests whose arguments hold none.
@@ -21,13 +22,6 @@ SimRun sim(std::string const& args) {
     std::istringstream in(args);
     for (std::string a; in >> a;) argv.push_back(a);
     return runSim(argv);
-}
-
-std::string slurp(std::string const& path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
 }
 
 uint64_t number(std::string const& text, std::string const& label) {

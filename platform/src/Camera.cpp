@@ -195,7 +195,6 @@ struct HeapStats {
     bool record = false;
     std::vector<vexlor::host::HeapCreateCall> calls;
     std::function<void()> hook;
-    std::vector<std::weak_ptr<nivo::IImageBufferHeap>> live;  // pruned as heaps die
 };
 HeapStats& heapStats() {
     static HeapStats* s = new HeapStats;
@@ -242,6 +241,19 @@ private:
 
 bool isBlobFormat(uint32_t format) { return format == 0x21 || format == 0x2300; }
 
+// Heaps alive, and those nobody but one owner holds (waiting in their pool's available list).
+vexlor::host::HeapFactory::Occupancy countOwners(std::vector<std::weak_ptr<nivo::IImageBufferHeap>> const& heaps) {
+    vexlor::host::HeapFactory::Occupancy o;
+    for (auto const& w : heaps) {
+        long const owners = w.use_count();  // read before locking adds one
+        auto heap = w.lock();
+        if (owners == 0 || !heap) continue;
+        ++o.alive;
+        o.idle += owners == 1;
+    }
+    return o;
+}
+
 }  // namespace
 
 namespace nivo {
@@ -271,11 +283,6 @@ std::shared_ptr<IImageBufferHeap> IImageBufferHeapFactory::create(
     heap->mEntry = &entry;
     entry.stats.add(bytes);
     s.total.add(bytes);
-    if (s.live.size() >= 64 && s.live.size() >= 2 * static_cast<size_t>(s.alive)) {
-        s.live.erase(std::remove_if(s.live.begin(), s.live.end(), [](auto const& w) { return w.expired(); }),
-                     s.live.end());
-    }
-    s.live.push_back(heap);
     auto& mine = entry.live;
     if (mine.size() >= 8 && mine.size() >= 2 * static_cast<size_t>(entry.stats.heaps)) {
         mine.erase(std::remove_if(mine.begin(), mine.end(), [](auto const& w) { return w.expired(); }), mine.end());
@@ -509,21 +516,17 @@ void HeapFactory::reset() {
     s.calls.clear();
 }
 std::map<std::string, HeapFactory::Occupancy> HeapFactory::occupancy() {
-    std::vector<std::weak_ptr<nivo::IImageBufferHeap>> live;
+    std::map<std::string, std::vector<std::weak_ptr<nivo::IImageBufferHeap>>> live;
     {
         auto& s = heapStats();
         std::lock_guard<std::mutex> lk(s.lock);
-        live = s.live;
+        for (auto const& [name, entry] : s.byName)
+            if (entry.stats.heaps != 0) live[name] = entry.live;
     }
     std::map<std::string, Occupancy> out;
-    for (auto const& w : live) {
-        long const owners = w.use_count();  // read before locking adds one
-        if (owners == 0) continue;
-        auto heap = w.lock();
-        if (!heap) continue;
-        auto& o = out[heap->heapName()];
-        ++o.alive;
-        o.idle += owners == 1;
+    for (auto const& [name, heaps] : live) {
+        Occupancy const o = countOwners(heaps);
+        if (o.alive != 0) out[name] = o;
     }
     return out;
 }
@@ -578,14 +581,7 @@ HeapFactory::Occupancy HeapFactory::occupancyOf(std::string const& heapName) {
         if (it == s.byName.end()) return {};
         live = it->second.live;
     }
-    Occupancy o;
-    for (auto const& w : live) {
-        long const owners = w.use_count();  // read before locking adds one
-        if (owners == 0 || !w.lock()) continue;
-        ++o.alive;
-        o.idle += owners == 1;
-    }
-    return o;
+    return countOwners(live);
 }
 
 void HeapFactory::setCreateHook(std::function<void()> hook) {

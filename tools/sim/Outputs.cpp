@@ -19,19 +19,7 @@ extern char** environ;
 namespace fbmsim {
 namespace {
 
-bool hasControl(std::string const& s) {
-    for (unsigned char c : s) {
-        if (c < 0x20 || c == 0x7f) return true;
-    }
-    return false;
-}
-
-// Names in a TSV header or a plot title: a control character would break the line or the title.
-std::string printable(std::string const& s) {
-    std::string out;
-    for (unsigned char c : s) out += (c < 0x20 || c == 0x7f) ? '?' : static_cast<char>(c);
-    return out;
-}
+bool hasControl(std::string const& s) { return printable(s) != s; }
 
 // A string by gnuplot's rules: inside single quotes nothing is special but the quote, doubled.
 std::string gnuplotQuoted(std::string const& s) {

@@ -249,28 +249,29 @@ void writePlanData(std::vector<PlanResult> const& results, std::ostream& out) {
 std::string planPlotScript(std::vector<PlanResult> const& results, std::string const& data,
                            std::string const& scenarioName) {
     auto quoted = [](std::string const& t) { return PlotWriter::quoted(t); };
+    // Per varied stream: a solid line of one column and a dashed line of another, in its colour.
+    auto pairs = [&](char const* solid, char const* dashed, char const* dashedAxes, char const* solidTitle,
+                     char const* dashedTitle) {
+        std::string out = "plot ";
+        for (size_t i = 0; i < results.size(); ++i) {
+            std::string const from = data + " index " + std::to_string(i) + " using 1:";
+            std::string const lc = " lc " + std::to_string(i + 1) + " title ";
+            std::string const& name = results[i].vary.stream;
+            out += (i ? ", " : "") + from + solid + " with linespoints lw 2" + lc + quoted(name + solidTitle) + ", " +
+                   from + dashed + dashedAxes + " with linespoints dt 2" + lc + quoted(name + dashedTitle);
+        }
+        return out + "\n";
+    };
     std::string gp = "set datafile separator '\\t'\nset key outside right\nset xtics 1\nset grid\n";
     gp += "set multiplot layout 2,1 title " + quoted("fbm-sim plan: " + scenarioName) + "\n";
     gp += "set title 'time-outs (solid) and p99 request latency (dashed) against the maximum'\n";
     gp += "set xlabel 'maximum buffers'\nset ylabel 'time-outs'\nset y2label 'p99 (us)'\nset ytics nomirror\n"
-          "set y2tics\nset yrange [0:*]\nset y2range [0:*]\nplot ";
-    for (size_t i = 0; i < results.size(); ++i) {
-        std::string const idx = std::to_string(i), lc = std::to_string(i + 1);
-        std::string const name = results[i].vary.stream;
-        gp += (i ? ", " : "") + data + " index " + idx + " using 1:2 with linespoints lw 2 lc " + lc + " title " +
-              quoted(name + " time-outs") + ", " + data + " index " + idx + " using 1:4 axes x1y2 with linespoints dt 2 lc " +
-              lc + " title " + quoted(name + " p99");
-    }
-    gp += "\nset title 'peak memory of the pipeline (solid) and of the varied pool (dashed)'\n";
-    gp += "set ylabel 'MiB'\nunset y2label\nunset y2tics\nset ytics mirror\nplot ";
-    for (size_t i = 0; i < results.size(); ++i) {
-        std::string const idx = std::to_string(i), lc = std::to_string(i + 1);
-        std::string const name = results[i].vary.stream;
-        gp += (i ? ", " : "") + data + " index " + idx + " using 1:5 with linespoints lw 2 lc " + lc + " title " +
-              quoted(name + ": pipeline") + ", " + data + " index " + idx + " using 1:6 with linespoints dt 2 lc " +
-              lc + " title " + quoted(name + ": pool");
-    }
-    return gp + "\nunset multiplot\n";
+          "set y2tics\nset yrange [0:*]\nset y2range [0:*]\n";
+    gp += pairs("2", "4", " axes x1y2", " time-outs", " p99");
+    gp += "set title 'peak memory of the pipeline (solid) and of the varied pool (dashed)'\n";
+    gp += "set ylabel 'MiB'\nunset y2label\nunset y2tics\nset ytics mirror\n";
+    gp += pairs("5", "6", "", ": pipeline", ": pool");
+    return gp + "unset multiplot\n";
 }
 
 }  // namespace fbmsim

@@ -144,6 +144,12 @@ Source sourceOf(std::string const& s, std::string const& where) {
 
 }  // namespace
 
+std::string printable(std::string const& name) {
+    std::string out;
+    for (unsigned char c : name) out += (c < 0x20 || c == 0x7f) ? '?' : static_cast<char>(c);
+    return out;
+}
+
 char const* sourceName(Source s) {
     switch (s) {
         case Source::Pool: return "POOL";
@@ -390,7 +396,7 @@ std::vector<std::string> starvationWarnings(Scenario const& s, int acquireTimeou
             p.max = std::max(p.max, c->maxBuffers);  // a shared pool takes its largest member's maximum
             kept += c->keep;
             names += (names.empty() ? "" : ", ");
-            for (unsigned char ch : c->name) names += (ch < 0x20 || ch == 0x7f) ? '?' : static_cast<char>(ch);
+            names += printable(c->name);
         }
         uint64_t const inFlight = uint64_t{inFlightFrames} * p.members.size();
         uint64_t const need = inFlight + held * kept;

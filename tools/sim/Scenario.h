@@ -23,6 +23,9 @@ constexpr double kMaxFps = 1000;
 enum class Source { Pool, Runtime, HalProvider, AppProvider };
 char const* sourceName(Source s);
 
+// A name with its control characters as '?': names go into one-line messages, headers and titles.
+std::string printable(std::string const& name);
+
 struct ImageStreamCfg {
     std::string name;
     int64_t id = 0;

@@ -529,12 +529,11 @@ void Simulation::gatherMemory() {
 
 std::string Simulation::heapsInUse() const {
     // Every heap of this pipeline waits in its pool: nothing is tracked by a producer.
-    std::set<std::string> mine;
-    for (auto const& m : mR.memory) mine.insert(m.heapName);
     std::string problems;
-    for (auto const& [name, o] : host::HeapFactory::occupancy()) {
-        if (mine.count(name) != 0 && o.idle != o.alive) {
-            problems += " heaps of '" + name + "' still in use: " + std::to_string(o.alive - o.idle) + ";";
+    for (auto const& m : mR.memory) {
+        auto const o = host::HeapFactory::occupancyOf(m.heapName);
+        if (o.idle != o.alive) {
+            problems += " heaps of '" + m.heapName + "' still in use: " + std::to_string(o.alive - o.idle) + ";";
         }
     }
     return problems;

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 
 #include <CLI/CLI.hpp>
 #include <vexlor/HostSeams.h>
@@ -79,9 +80,10 @@ bool decimalNumber(std::string const& text, double min, double max, char const* 
     return true;
 }
 
-int acquireTimeoutMs(std::vector<std::pair<std::string, int>> const& scenarioProps,
-                     std::vector<std::pair<std::string, int>> const& commandLineProps) {
-    int ms = 1500;
+// The acquire time-out the run will see, when the scenario or the command line (which wins) sets it.
+std::optional<int> acquireTimeoutMs(std::vector<std::pair<std::string, int>> const& scenarioProps,
+                                    std::vector<std::pair<std::string, int>> const& commandLineProps) {
+    std::optional<int> ms;
     for (auto const* list : {&scenarioProps, &commandLineProps}) {
         for (auto const& [key, value] : *list) {
             if (key == kTimeoutProperty) ms = value;
@@ -108,9 +110,7 @@ int plan(fbmsim::Scenario const& scenario, fbmsim::Options opt, fbmsim::PlanOpti
     planOpt.runs = static_cast<int>(runs);
     // A starved run would wait 1.5 s per request: time-outs are counted at 20 ms unless the
     // scenario or the command line sets the time-out, and a run stops after 50 of them.
-    bool timeoutSet = false;
-    for (auto const& [key, value] : scenario.properties) timeoutSet |= key == kTimeoutProperty;
-    for (auto const& [key, value] : opt.props) timeoutSet |= key == kTimeoutProperty;
+    bool const timeoutSet = acquireTimeoutMs(scenario.properties, opt.props).has_value();
     if (!timeoutSet) opt.props.emplace_back(kTimeoutProperty, 20);
     opt.stopAfterTimeouts = 50;
     PlotWriter plotter;
@@ -278,7 +278,7 @@ int main(int argc, char** argv) {
         }
         uint32_t const inFlight = opt.resultThreads == 0 ? 1 : scenario.inFlightDepth;
         for (auto const& warning :
-             starvationWarnings(scenario, acquireTimeoutMs(scenario.properties, opt.props), inFlight)) {
+             starvationWarnings(scenario, acquireTimeoutMs(scenario.properties, opt.props).value_or(1500), inFlight)) {
             if (!planning) std::cerr << "fbm-sim: warning: " << warning << "\n";  // a plan tries other maximums
         }
     }
