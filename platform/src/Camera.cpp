@@ -481,9 +481,10 @@ int64_t HeapFactory::alive() {
 void HeapFactory::failNext(int n) { heapStats().failNext = n; }
 bool HeapFactory::waitFor(std::function<bool(int64_t, int64_t)> const& pred,
                           std::chrono::milliseconds timeout) {
-    // Re-evaluated after every heap event and at least every millisecond, without the factory's
-    // lock, so the predicate may read state that changes just after an event (a pool counting the
-    // heap it was given) and may take locks of its own.
+    // Re-evaluated after every heap event and at least every 100 us, without the factory's lock,
+    // so the predicate may read state that changes just after an event (a pool counting the heap
+    // it was given) and may take locks of its own. That state changes microseconds after the
+    // event: a longer poll would make every wait for a pool to fill a millisecond long.
     auto& s = heapStats();
     auto const deadline = std::chrono::steady_clock::now() + timeout;
     std::unique_lock<std::mutex> lk(s.lock);
@@ -495,7 +496,7 @@ bool HeapFactory::waitFor(std::function<bool(int64_t, int64_t)> const& pred,
         lk.lock();
         if (held) return true;
         if (std::chrono::steady_clock::now() >= deadline) return false;
-        if (s.events == events) s.cond.wait_for(lk, std::chrono::milliseconds(1));
+        if (s.events == events) s.cond.wait_for(lk, std::chrono::microseconds(100));
     }
 }
 std::vector<HeapCreateCall> HeapFactory::calls() {

@@ -6,9 +6,11 @@
 // no metadata buffer is alive; and whenever a manager ends, no heap it made is alive. A broken
 // invariant aborts (a crash). Pipelines are kept from input to input (see pipelines()): a crash
 // may need the inputs run before it, which libFuzzer's crash-*/ files do not carry.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <list>
+#include <set>
 
 #include <vexlor/HostSeams.h>
 
@@ -47,13 +49,33 @@ private:
 class Manager : public FrameBufferManagerImpl {
 public:
     using FrameBufferManagerImpl::FrameBufferManagerImpl;
-    // Whether a history set on the ready list holds a heap of this stream's pool.
-    bool readyHolds(StreamId_T id) {
+    // Whether releasing the set the manager would pick to feed this stream's pool gives a heap
+    // back: the oldest recyclable ready set holding an image of the pool, on a heap that nobody
+    // else holds (the pipeline, the selector, another set, a frame in flight). Otherwise the
+    // request would wait out its time-out.
+    bool releaseFeeds(StreamId_T id, std::vector<SbPtr> const& held, std::list<HBS> const& selected) {
         auto const pool = getPoolStreams(id);
+        std::multiset<nivo::IImageBufferHeap const*> holders;
+        auto hold = [&](SbPtr const& image) {
+            if (image) holders.insert(image->imageBufferHeap().get());
+        };
+        for (auto const& sb : held) hold(sb);
+        for (auto const& set : selected) std::for_each(set.halImage.begin(), set.halImage.end(), hold);
+        {
+            NSCam::LockGuard<NSCam::TimedMutex> lk(mInFlightLock);
+            for (auto const& frame : mInFlightList) std::for_each(frame.halImage.begin(), frame.halImage.end(), hold);
+        }
         NSCam::LockGuard<NSCam::TimedMutex> lk(mReadyLock);
-        for (auto const& set : mReadyList)
-            for (auto const& image : set.halImage)
-                if (image && pool.count(image->streamInfoOf()->streamId()) != 0) return true;
+        for (auto const& set : mReadyList) std::for_each(set.halImage.begin(), set.halImage.end(), hold);
+        auto ofPool = [&](SbPtr const& image) {
+            return image && pool.count(image->streamInfoOf()->streamId()) != 0;
+        };
+        for (auto const& set : mReadyList) {
+            if (!set.isRecyclable || std::none_of(set.halImage.begin(), set.halImage.end(), ofPool)) continue;
+            return std::any_of(set.halImage.begin(), set.halImage.end(), [&](SbPtr const& image) {
+                return ofPool(image) && holders.count(image->imageBufferHeap().get()) == 1;
+            });
+        }
         return false;
     }
     void checkCounters() {
@@ -104,6 +126,27 @@ std::string hex(StreamId_T id) {
     std::snprintf(buf, sizeof buf, "%#lx", static_cast<long>(id));
     return buf;
 }
+
+// Inputs run so far.
+uint64_t gInputs = 0;
+
+// A call that costs far more than a whole input runs at most once in `every` inputs: the inputs
+// that reach it breed more of their kind, and the run would spend its time on them.
+class Budget {
+public:
+    explicit Budget(uint64_t every) : mEvery(every) {}
+    bool take() {
+        if (mLast != 0 && gInputs - mLast < mEvery) return false;
+        mLast = gInputs;
+        return true;
+    }
+
+private:
+    uint64_t const mEvery;
+    uint64_t mLast = 0;
+};
+Budget gTimeOuts(1000);  // a request that waits out its 10 ms time-out
+Budget gTriggers(20);    // triggering an untriggered deferred pool, which costs a new pipeline
 
 struct Pipeline {
     std::shared_ptr<Manager> m = std::make_shared<Manager>("fuzz");
@@ -202,8 +245,8 @@ struct Pipeline {
         // its heaps (the release path), and rarely when nothing does (the time-out).
         auto config = m->queryConfigImageStream(info->streamId());
         if (config && config->allocInfo && host::HeapFactory::occupancyOf(config->allocInfo->streamName()).idle == 0) {
-            bool const release = (pick & 0xF0) == 0xF0 && m->readyHolds(info->streamId());
-            if (!release && pick != 0xFF) return;
+            bool const release = (pick & 0xF0) == 0xF0 && m->releaseFeeds(info->streamId(), held, selected);
+            if (!release && !(pick == 0xFF && gTimeOuts.take())) return;
         }
         SbPtr got;
         m->requestStreamBuffer([&](SbPtr const& sb) { got = sb; }, {1, 1, info});
@@ -356,6 +399,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
         return true;
     }();
     (void)once;
+    ++gInputs;
     Bytes in(data, size);
     // The configuration's bytes: the preview pool's maximum and the sharing groups. Whether the
     // configuration was opened with beginConfigure only changes where its warnings go.
@@ -369,6 +413,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     {
         Pipeline& p = *slot;
         NullPrinter printer;
+        bool dumped = false;
         for (int ops = 0; ops < 48 && !in.done(); ++ops) {
             switch (in.next() % 11) {
                 case 0: case 1: p.request(in); break;
@@ -385,11 +430,16 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
                     // Triggering the deferred pool makes the pipeline one of another kind, which
                     // costs a new pipeline: rare here, as inputs may also start with it triggered.
                     uint8_t const which = in.next();
-                    if (which == 0xA7) p.trigger();
+                    if (which == 0xA7 && (p.triggered || gTriggers.take())) p.trigger();
                     else p.m->triggerBufferPool(p.images[which % 6]->streamId());  // not deferred: no-op
                     break;
                 }
-                case 9: p.m->dumpState(printer); break;
+                case 9:
+                    // One dump an input: a dump costs as much as a dozen other calls, and what it
+                    // covers depends on the state it prints, not on how often it prints.
+                    if (!dumped) p.m->dumpState(printer);
+                    dumped = true;
+                    break;
                 default: p.m->enableFrameResultRecyclable(in.next(), true); break;
             }
         }
