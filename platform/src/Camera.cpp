@@ -242,12 +242,14 @@ private:
 bool isBlobFormat(uint32_t format) { return format == 0x21 || format == 0x2300; }
 
 // Heaps alive, and those nobody but one owner holds (waiting in their pool's available list).
+// Counted under the factory's lock, from the owner counts alone: a heap being destroyed has no
+// owner left but is still listed until its destructor takes that lock. Locking a weak handle here
+// could make this the last owner, and run that destructor under the lock it needs.
 vexlor::host::HeapFactory::Occupancy countOwners(std::vector<std::weak_ptr<nivo::IImageBufferHeap>> const& heaps) {
     vexlor::host::HeapFactory::Occupancy o;
     for (auto const& w : heaps) {
-        long const owners = w.use_count();  // read before locking adds one
-        auto heap = w.lock();
-        if (owners == 0 || !heap) continue;
+        long const owners = w.use_count();
+        if (owners == 0) continue;
         ++o.alive;
         o.idle += owners == 1;
     }
@@ -517,16 +519,11 @@ void HeapFactory::reset() {
     s.calls.clear();
 }
 std::map<std::string, HeapFactory::Occupancy> HeapFactory::occupancy() {
-    std::map<std::string, std::vector<std::weak_ptr<nivo::IImageBufferHeap>>> live;
-    {
-        auto& s = heapStats();
-        std::lock_guard<std::mutex> lk(s.lock);
-        for (auto const& [name, entry] : s.byName)
-            if (entry.stats.heaps != 0) live[name] = entry.live;
-    }
     std::map<std::string, Occupancy> out;
-    for (auto const& [name, heaps] : live) {
-        Occupancy const o = countOwners(heaps);
+    auto& s = heapStats();
+    std::lock_guard<std::mutex> lk(s.lock);
+    for (auto const& [name, entry] : s.byName) {
+        Occupancy const o = countOwners(entry.live);
         if (o.alive != 0) out[name] = o;
     }
     return out;
@@ -574,15 +571,10 @@ void HeapFactory::resetPeaks() {
 void HeapFactory::setRealMemory(bool on) { heapStats().realMemory = on; }
 
 HeapFactory::Occupancy HeapFactory::occupancyOf(std::string const& heapName) {
-    std::vector<std::weak_ptr<nivo::IImageBufferHeap>> live;
-    {
-        auto& s = heapStats();
-        std::lock_guard<std::mutex> lk(s.lock);
-        auto it = s.byName.find(heapName);
-        if (it == s.byName.end()) return {};
-        live = it->second.live;
-    }
-    return countOwners(live);
+    auto& s = heapStats();
+    std::lock_guard<std::mutex> lk(s.lock);
+    auto it = s.byName.find(heapName);
+    return it == s.byName.end() ? Occupancy{} : countOwners(it->second.live);
 }
 
 void HeapFactory::setCreateHook(std::function<void()> hook) {

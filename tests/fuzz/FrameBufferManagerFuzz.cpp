@@ -146,7 +146,7 @@ private:
     uint64_t mLast = 0;
 };
 Budget gTimeOuts(1000);  // a request that waits out its 10 ms time-out
-Budget gTriggers(20);    // triggering an untriggered deferred pool, which costs a new pipeline
+Budget gTriggers(100);   // triggering an untriggered deferred pool, which costs a new pipeline
 
 struct Pipeline {
     std::shared_ptr<Manager> m = std::make_shared<Manager>("fuzz");
@@ -373,6 +373,9 @@ void end(std::unique_ptr<Pipeline> p) {
               },
               std::chrono::seconds(5)),
           "no heap alive once the manager ended");
+    // Forgets the names of heaps no longer alive: a lookup by name slows down as pipelines come
+    // and go, each with names of its own.
+    host::HeapFactory::resetPeaks();
 }
 
 // At the end of a run every pipeline kept ends, and then no heap at all may be alive.
