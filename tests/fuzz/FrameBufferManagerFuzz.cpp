@@ -240,13 +240,19 @@ struct Pipeline {
     void request(Bytes& in) {
         uint8_t const pick = in.next();
         auto const& info = images[pick % images.size()];
-        // A pool with no heap waiting waits a 10 ms slice before it gives up or is fed by the
-        // release of history sets. It is asked anyway now and then when the ready list holds
-        // its heaps (the release path), and rarely when nothing does (the time-out).
+        // A pool with no heap to spare waits a 10 ms slice before it gives up or is fed by the
+        // release of history sets; a shrinking pool frees its waiting heaps first, so only those
+        // beyond its surplus are to spare. It is asked anyway now and then when the ready list
+        // holds its heaps (the release path), and rarely when nothing does (the time-out).
         auto config = m->queryConfigImageStream(info->streamId());
-        if (config && config->allocInfo && host::HeapFactory::occupancyOf(config->allocInfo->streamName()).idle == 0) {
-            bool const release = (pick & 0xF0) == 0xF0 && m->releaseFeeds(info->streamId(), held, selected);
-            if (!release && !(pick == 0xFF && gTimeOuts.take())) return;
+        if (config && config->allocInfo) {
+            int max = 0, allocated = 0;
+            m->getBufferPoolMaxBufCount(info->streamId(), max, allocated);
+            auto const idle = host::HeapFactory::occupancyOf(config->allocInfo->streamName()).idle;
+            if (idle <= std::max(0, allocated - max)) {
+                bool const release = (pick & 0xF0) == 0xF0 && m->releaseFeeds(info->streamId(), held, selected);
+                if (!release && !(pick == 0xFF && gTimeOuts.take())) return;
+            }
         }
         SbPtr got;
         m->requestStreamBuffer([&](SbPtr const& sb) { got = sb; }, {1, 1, info});
