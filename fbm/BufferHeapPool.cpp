@@ -5,6 +5,8 @@
 
 #include <sys/prctl.h>
 
+#include <algorithm>
+#include <chrono>
 #include <sstream>
 
 #include <vexlor/LogScheme.h>
@@ -18,6 +20,8 @@ constexpr int32_t kFirstTargetCapSpecial = 4;
 constexpr int32_t kFirstTargetCap = 7;
 constexpr int64_t kSpecialIdMask = 0x00FFFF0000000000;
 constexpr int64_t kSpecialIdValue = 0x0001000000000000;
+constexpr auto kAllocRetryFirst = std::chrono::milliseconds(1);
+constexpr auto kAllocRetryLast = std::chrono::milliseconds(100);
 }  // namespace
 
 BufferHeapPool::BufferHeapPool(std::string name, HeapAllocator& allocator)
@@ -134,42 +138,61 @@ int32_t BufferHeapPool::updateBufferCount(int32_t count) {
     } else {
         MY_LOGD("notify existed updateBufferCount thread: pool(%s)", mPoolName.c_str());
         mUpdateCond.notifyOne();
+        // A worker waiting to shed a heap looks at the new target too.
+        LockGuard<Mutex> lk(mAvailableLock);
+        mAvailableCond.notifyOne();
     }
     return 0;
 }
 
 // The resizing worker: one heap per pass, allocator called with no lock held, available heaps
-// freed oldest first. Its two waits are single waits without a predicate loop: each is skipped
-// when what it waits for has already happened (tested under the lock the notifier takes), and any
+// freed oldest first. Its waits are single waits without a predicate loop: each is skipped when
+// what it waits for has already happened (tested under the lock the notifier takes), and any
 // other wake-up just runs one more pass, which re-reads the target.
 int32_t BufferHeapPool::workerLoop() {
     char const* const fn = "operator()";
     MY_LOGD_AS(fn, "updateBufferCount thread + : pool(%s)", mPoolName.c_str());
     ::prctl(PR_SET_NAME, "updateBufferCount", 0, 0, 0);
-    int32_t target;
-    {
+    // A failing allocator is tried again after a pause that doubles up to a limit, so memory
+    // pressure costs one line per try instead of a core; a success starts over.
+    auto backOff = std::chrono::milliseconds(0);
+    auto readTarget = [this] {
         LockGuard<Mutex> lk(mCountLock);
-        target = mTargetMaxBuffer;
-    }
+        return mTargetMaxBuffer;
+    };
+    int32_t target = readTarget();
     while (!mExit) {
         MY_LOGD_IF_AS(mLogLevel >= 1, fn, "updateBufferCount: current max(%d) target(%d)",
                       mAllocatedCount.load(), target);
         if (mAllocatedCount < target) {
             HeapPtr heap = mAllocator();
             if (heap) {
+                backOff = std::chrono::milliseconds(0);
                 LockGuard<Mutex> lk(mAvailableLock);
                 mAvailableBuf.push_back(std::move(heap));
                 ++mAllocatedCount;
             } else {
                 MY_LOGE_AS(fn, "do_construct allocate buffer failed");
-                if (!mExit) continue;  // retried at once, deliberately
+                backOff = std::clamp(backOff * 2, kAllocRetryFirst, kAllocRetryLast);
+                {
+                    LockGuard<Mutex> lk(mCountLock);
+                    if (!mExit) mUpdateCond.waitFor(mCountLock, backOff);  // exit ends it at once
+                }
+                target = readTarget();
+                continue;
             }
         }
         if (mAllocatedCount > target) {
-            HeapPtr freed;  // let go outside the lock
             {
                 LockGuard<Mutex> lk(mAvailableLock);
                 if (mAvailableBuf.empty() && !mExit) mAvailableCond.wait(mAvailableLock);
+            }
+            // The target may have been raised during the wait: a heap freed against the old one
+            // would only be made again.
+            target = readTarget();
+            HeapPtr freed;  // let go outside the lock
+            if (mAllocatedCount > target) {
+                LockGuard<Mutex> lk(mAvailableLock);
                 if (!mAvailableBuf.empty()) {
                     freed = std::move(mAvailableBuf.front());
                     mAvailableBuf.pop_front();
@@ -184,10 +207,7 @@ int32_t BufferHeapPool::workerLoop() {
             if (mTargetMaxBuffer == target && !mExit) mUpdateCond.wait(mCountLock);
             MY_LOGD_AS(fn, "wait -");
         }
-        {
-            LockGuard<Mutex> lk(mCountLock);
-            target = mTargetMaxBuffer;
-        }
+        target = readTarget();
     }
     MY_LOGD_AS(fn, "updateBufferCount thread - : pool(%s)", mPoolName.c_str());
     return 0;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <fbm/StreamAttribute.h>
+#include <vexlor/Clock.h>
 #include <vexlor/LogScheme.h>
 #include <vexlor/Properties.h>
 #include <vexlor/Trace.h>
@@ -19,11 +20,9 @@ namespace {
 
 constexpr auto kWaitSlice = std::chrono::milliseconds(10);
 
-int64_t wallClockUs() {
-    return std::chrono::duration_cast<std::chrono::microseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
+// The time-out is measured on the monotonic clock: a step of the time of day while a request
+// waits must neither stretch the wait nor cut it short.
+int64_t elapsedUs() { return NSCam::Utils::Clock::monotonicNs() / 1000; }
 
 }  // namespace
 
@@ -34,7 +33,8 @@ BufferProducer::BufferProducer(std::string name, std::shared_ptr<IImageStreamInf
           "vendor.debug.camera.log.pipeline.fbm.producer", 0)),
       mName(std::move(name)),
       mStreamInfo(std::move(info)),
-      mReleaseCallback(releaseCallback) {
+      mReleaseCallback(releaseCallback),
+      mGroupFirst(sharedProducer) {
     if (sharedProducer) {
         auto pool = sharedProducer->heapPool();
         LockGuard<Mutex> lk(mHeapPoolLock);
@@ -86,6 +86,9 @@ int32_t BufferProducer::initProducer(size_t max, size_t min, HeapAllocator&& all
 
 int32_t BufferProducer::allocatePoolBuffersLocked(HeapAllocator& allocator) {
     CAM_TRACE_NAME("allocatePoolBuffersLocked");
+    // A deferred group's heap pool is made at the first trigger of any member, by the group's
+    // first producer, and every member draws from it.
+    if (!mHeapPool && mGroupFirst) mHeapPool = mGroupFirst->groupHeapPool(allocator);
     if (!mHeapPool) {
         if (!allocator) {
             MY_LOGE("%s: cannot get allocator", toString().c_str());
@@ -106,6 +109,12 @@ int32_t BufferProducer::allocatePoolBuffersLocked(HeapAllocator& allocator) {
         return err;
     }
     return 0;
+}
+
+std::shared_ptr<BufferHeapPool> BufferProducer::groupHeapPool(HeapAllocator& allocator) {
+    LockGuard<Mutex> lk(mHeapPoolLock);
+    if (!mHeapPool && allocator) mHeapPool = std::make_shared<BufferHeapPool>(mName, allocator);
+    return mHeapPool;
 }
 
 void BufferProducer::setMinInitBufferCount(size_t count) {
@@ -164,7 +173,7 @@ int32_t BufferProducer::acquireFromPool(char const* /*name*/, SbPtr& out, int64_
     for (;;) {
         uint64_t const releasesBefore = mReleaseSeq.load(std::memory_order_acquire);
         if (!pool->isPoolWaitForRelease() && pool->acquireFromPool(streamName, heap) == 0) break;
-        int64_t const nowUs = wallClockUs();
+        int64_t const nowUs = elapsedUs();
         if (startUs < 0) startUs = nowUs;
         if ((nowUs - startUs) * 1000 > timeoutNs) {
             MY_LOGW("%s: cannot acquire from pool after timeout(%ld ns).", toString().c_str(),
@@ -202,8 +211,10 @@ int32_t BufferProducer::acquireFromPool(char const* /*name*/, SbPtr& out, int64_
     }
     out = sb;
     if (!sb) {
-        // The heap stays counted as in use in the heap pool, deliberately.
         MY_LOGE("cannot new HalImageStreamBuffer. Something wrong...");
+        // Nothing holds the heap now: back to its pool, or every such failure would shrink the
+        // pool by one heap until teardown.
+        returnHeapToPool(std::move(heap));
         return -ENOMEM;
     }
     void const* const rawSb = sb.get();
@@ -301,9 +312,13 @@ int32_t BufferProducer::releaseToPool(char const* /*name*/, SbPtr buffer) {
     }
     if (refCnt > 0) return 0;  // another stream buffer still uses the heap
 
+    return returnHeapToPool(std::move(heap));
+}
+
+int32_t BufferProducer::returnHeapToPool(HeapPtr heap) {
     LockGuard<Mutex> lk(mHeapPoolLock);
     if (!mHeapPool) {
-        MY_LOGE("%s: Pool is null", toString().c_str());
+        MY_LOGE_AS("releaseToPool", "%s: Pool is null", toString().c_str());
         return -EINVAL;
     }
     mHeapPool->releaseToPool(mStreamInfo->streamName(), std::move(heap));

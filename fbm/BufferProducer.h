@@ -10,9 +10,11 @@
 // Ownership: made only through std::make_shared (it hands shared handles of itself to the stream
 // buffers it makes, which keep it alive until released); it holds its heap pool.
 //
-// Locks: mHeapPoolLock (heap pool handle, mInitialized, the wait) and mMapLock (counts and maps)
-// are never held together. The release callback is called with no lock held: it may release
-// buffers, re-entering releaseToPool of this or another producer on the same thread.
+// Locks: mHeapPoolLock (heap pool handle, mInitialized, the wait) before mMapLock (counts and
+// maps), nested only while the pool is first sized (initProducer). A group member's mHeapPoolLock
+// is held while it takes its group's first producer's (groupHeapPool); never the other way. The
+// release callback is called with no lock held: it may release buffers, re-entering
+// releaseToPool of this or another producer on the same thread.
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -78,7 +80,12 @@ public:
 
 private:
     int32_t allocatePoolBuffersLocked(HeapAllocator& allocator) REQUIRES(mHeapPoolLock);
+    // The heap pool of the group this producer comes first in, made with `allocator` if there is
+    // none yet (a deferred group's first trigger).
+    std::shared_ptr<BufferHeapPool> groupHeapPool(HeapAllocator& allocator) EXCLUDES(mHeapPoolLock);
     std::shared_ptr<BufferHeapPool> heapPool() const EXCLUDES(mHeapPoolLock);
+    // Gives a heap nobody uses any more back to the heap pool and wakes a waiting acquire.
+    int32_t returnHeapToPool(HeapPtr heap) EXCLUDES(mHeapPoolLock);
     // Tracks `sb` over `heap`; false when `sb` is already tracked.
     bool trackLocked(SbPtr sb, HeapPtr heap, size_t& refCnt) REQUIRES(mMapLock);
     template <class Node>
@@ -86,7 +93,7 @@ private:
 
     int32_t mLogLevel;
     std::string mName;
-    mutable Mutex mHeapPoolLock;
+    mutable Mutex mHeapPoolLock ACQUIRED_BEFORE(mMapLock);
     Condition mHeapPoolCond;  // a heap of ours went back; with mHeapPoolLock
     // Heaps this producer gave back so far, counted under mHeapPoolLock: an acquire that tried the
     // heap pool before a release and waits after it counts that release as its wake-up.
@@ -107,6 +114,9 @@ private:
     std::vector<std::map<SbPtr, HeapPtr>::node_type> mFreeSbNodes GUARDED_BY(mMapLock);
     std::vector<std::map<HeapPtr, std::set<SbPtr>>::node_type> mFreeHeapNodes GUARDED_BY(mMapLock);
     std::vector<std::set<SbPtr>::node_type> mFreeSetNodes GUARDED_BY(mMapLock);
+    // The first producer of this one's pool-shared group (empty for the first and for a stream of
+    // its own): where a deferred group's one heap pool is made.
+    std::shared_ptr<BufferProducer> const mGroupFirst;
 };
 
 }  // namespace NSCam::v3::pipeline

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <sstream>
 
 #include <vexlor/LogScheme.h>
@@ -26,6 +27,14 @@ constexpr uint32_t kDefaultUsage = 0x08C20000;
 constexpr size_t kReleaseToWorkerThreshold = 4;
 constexpr auto kSelectLockWait = std::chrono::milliseconds(10);
 constexpr auto kDumpLockWait = std::chrono::milliseconds(500);
+
+// What a provider answered, shared by the requesting frame and the callable the provider keeps.
+struct ProviderAnswer {
+    std::mutex lock;
+    std::shared_ptr<IImageStreamBuffer> buffer;  // as given to the callable
+    bool answered = false;                       // the caller's callback has run
+    bool returned = false;                       // requestStreamBuffer has taken its result
+};
 
 std::string errText(int err) {
     char buf[128];
@@ -697,15 +706,36 @@ int FrameBufferManagerImpl::requestStreamBuffer(ImageStreamBufferCallback callba
                 err = -EINVAL;
                 break;
             }
-            // The provider may call back on its own thread: the slot outlives this frame.
-            auto slot = std::make_shared<std::shared_ptr<IImageStreamBuffer>>();
+            // The provider may answer during the call or later, on any thread: the wrapper owns
+            // the caller's callback and shares the answer's slot with this frame. A late answer
+            // (after this call returned) finishes the request itself: it gives a HAL provider's
+            // buffer the request's stream info, as the code below does for a prompt one.
+            auto answer = std::make_shared<ProviderAnswer>();
+            bool const halProvider = source == Source::HalProvider;
             err = config->provider->requestStreamBuffer(
-                [slot, &callback](std::shared_ptr<IImageStreamBuffer> const& b) {
-                    *slot = b;
-                    callback(b);
+                [answer, halProvider, reqInfo, cb = std::move(callback)](
+                    std::shared_ptr<IImageStreamBuffer> const& b) {
+                    {
+                        std::lock_guard<std::mutex> lk(answer->lock);
+                        answer->buffer = b;
+                    }
+                    cb(b);
+                    bool late;
+                    {
+                        std::lock_guard<std::mutex> lk(answer->lock);
+                        answer->answered = true;
+                        late = answer->returned;
+                    }
+                    if (late && halProvider && b && b->streamInfoOf().get() != reqInfo.get()) {
+                        b->setStreamInfo(reqInfo);
+                    }
                 },
                 IStreamBufferProvider::Request{reqInfo, -1, request.requestNo});
-            buffer = *slot;
+            {
+                std::lock_guard<std::mutex> lk(answer->lock);
+                answer->returned = true;
+                if (answer->answered) buffer = answer->buffer;
+            }
             break;
         }
         case Source::Runtime:

@@ -1,6 +1,7 @@
 #pragma once
 // A configured manager and a small pipeline around it, for the frame-path tests.
 #include <atomic>
+#include <thread>
 
 #include "TestSupport.h"
 
@@ -13,6 +14,11 @@ public:
         ++calls;
         lastTimeout = request.timeoutNs;
         lastRequestNo = request.requestNo;
+        if (answerLater) {  // keeps the callable, as a provider that answers on its own thread
+            kept = callback;
+            keptRequest = request;
+            return 0;
+        }
         if (failWith != 0) {
             callback(nullptr);
             return failWith;
@@ -25,6 +31,18 @@ public:
     std::atomic<int64_t> lastTimeout{0};
     std::atomic<uint32_t> lastRequestNo{0};
     std::atomic<int> failWith{0};
+    // Answers the kept request from a thread of its own, after the request has returned.
+    void answerKeptRequest() {
+        std::thread([this] {
+            auto heap = nivo::IImageBufferHeapFactory::create("provider", keptRequest.pStreamInfo->streamName(), {}, false);
+            kept(Utils::makeHalImageStreamBuffer({mInfoOfBuffers ? mInfoOfBuffers : keptRequest.pStreamInfo, heap, nullptr, nullptr}));
+            kept = nullptr;
+        }).join();
+    }
+    bool answerLater = false;
+    std::shared_ptr<IImageStreamInfo> mInfoOfBuffers;  // the info its buffers carry; the request's when empty
+    ImageStreamBufferCallback kept;
+    Request keptRequest;
 };
 
 // Stream ids of the standard configuration.

@@ -1,4 +1,8 @@
 #include <atomic>
+#include <mutex>
+#include <vector>
+
+#include <vexlor/Clock.h>
 #include <thread>
 
 #include "BufferHeapPool.h"
@@ -211,12 +215,50 @@ TEST_F(HeapPoolTest, ASecondUpdateWakesTheSameWorker) {
     EXPECT_EQ(futureCount(*pool), 1);
 }
 
-TEST_F(HeapPoolTest, FailingAllocatorIsRetriedAtOnce) {
-    host::HeapFactory::failNext(3);
+TEST_F(HeapPoolTest, FailingAllocatorIsRetriedAfterGrowingPausesUntilItSucceeds) {
+    std::mutex m;
+    std::vector<int64_t> triesNs;
+    host::HeapFactory::setCreateHook([&] {
+        std::lock_guard<std::mutex> lk(m);
+        triesNs.push_back(NSCam::Utils::Clock::monotonicNs());
+        if (triesNs.size() == 6) host::HeapFactory::failNext(0);  // the sixth try succeeds
+    });
+    host::HeapFactory::failNext(-1);
     auto pool = makePool();
     ASSERT_EQ(pool->allocateBuffers("s", 1, 2, 2), 0);
     ASSERT_TRUE(settled(*pool, 2));
-    EXPECT_EQ(androidCount("[operator()] do_construct allocate buffer failed (operator()){#"), 3u);
+    EXPECT_EQ(androidCount("[operator()] do_construct allocate buffer failed (operator()){#"), 5u);
+    std::lock_guard<std::mutex> lk(m);
+    ASSERT_EQ(triesNs.size(), 7u);
+    for (size_t i = 1; i < 6; ++i) {  // pauses of at least 1, 2, 4, 8 and 16 ms
+        EXPECT_GE(triesNs[i] - triesNs[i - 1], (1'000'000 << (i - 1))) << i;
+    }
+}
+
+TEST_F(HeapPoolTest, APoolWhoseAllocatorAlwaysFailsIsDestroyedAtOnce) {
+    host::HeapFactory::failNext(-1);
+    {
+        auto pool = makePool();
+        ASSERT_EQ(pool->allocateBuffers("s", 1, 2, 2), 0);
+        ASSERT_TRUE(waitForLine("do_construct allocate buffer failed"));
+    }
+    EXPECT_EQ(androidCount("updateBufferCount thread - "), 1u);
+}
+
+TEST_F(HeapPoolTest, ATargetRaisedWhileTheWorkerWaitsToShedIsHeld) {
+    host::setProperty("vendor.debug.camera.log.pipeline.fbm.pool", 1);
+    std::vector<HeapPtr> all;
+    auto pool = exhaustedPool(3, all);
+    ASSERT_TRUE(waitForLine("updateBufferCount: [pool] done (3)"));
+    host::LogCapture::clear();
+    int32_t one = 1, three = 3;
+    pool->updateMaxBuffer(one);
+    ASSERT_TRUE(waitForLine("updateBufferCount: current max(3) target(1)"));  // about to wait
+    pool->updateMaxBuffer(three);
+    EXPECT_TRUE(waitForLine("updateBufferCount: [pool] done (3)"));  // woken, nothing shed
+    for (auto& h : all) ASSERT_EQ(pool->releaseToPool("c", std::move(h)), 0);
+    EXPECT_EQ(availableCount(*pool), 3);
+    EXPECT_EQ(host::HeapFactory::created(), 3);
 }
 
 TEST_F(HeapPoolTest, DestructionStopsTheWorkerAndListsHeapsStillOut) {

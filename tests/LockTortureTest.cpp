@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <latch>
 #include <mutex>
 #include <thread>
@@ -121,6 +122,47 @@ TEST(LockTortureTest, ConditionNotifiedWithoutWaitersAndWaitForTimesOut) {
 // Ping-pong of a turn between threads: each waits, with the state tested under the mutex, for its
 // turn and hands it on. A wake-up lost between the test and the sleep would stall a thread for the
 // whole bound and is counted.
+// "Forever" spelt as the largest duration waits: the conversion to nanoseconds saturates. Each
+// waiter is checked to be still waiting a while after it started, then let go.
+TEST(LockTortureTest, HugeDurationsWaitInsteadOfOverflowing) {
+    Mutex m;
+    TimedMutex tm;
+    m.lock();
+    tm.lock();
+    auto tryM = std::async(std::launch::async, [&] {
+        bool const got = m.try_lock_for(std::chrono::hours::max());
+        if (got) m.unlock();
+        return got;
+    });
+    auto tryTm = std::async(std::launch::async, [&] {
+        bool const got = tm.try_lock_for(std::chrono::nanoseconds::max());
+        if (got) tm.unlock();
+        return got;
+    });
+    Mutex cm;
+    Condition cond;
+    bool go = false;
+    bool anyTimedOut = false;
+    auto waiter = std::async(std::launch::async, [&] {
+        LockGuard<Mutex> lk(cm);
+        while (!go) anyTimedOut |= !cond.waitFor(cm, std::chrono::hours::max());
+    });
+    EXPECT_EQ(tryM.wait_for(100ms), std::future_status::timeout);
+    EXPECT_EQ(tryTm.wait_for(1ms), std::future_status::timeout);
+    EXPECT_EQ(waiter.wait_for(1ms), std::future_status::timeout);
+    m.unlock();
+    tm.unlock();
+    {
+        LockGuard<Mutex> lk(cm);
+        go = true;
+        cond.notifyAll();
+    }
+    EXPECT_TRUE(tryM.get());
+    EXPECT_TRUE(tryTm.get());
+    waiter.get();
+    EXPECT_FALSE(anyTimedOut);
+}
+
 TEST(LockTortureTest, ConditionLosesNoWakeUpWhenStateChangesUnderTheMutex) {
     constexpr int kPlayers = 3;
     constexpr int kTurns = 6000;

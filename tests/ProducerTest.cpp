@@ -118,6 +118,22 @@ TEST_F(ProducerTest, WaitingAcquireIsWokenByAReleaseFromAnotherThread) {
     EXPECT_EQ(acquirer.get(), 0);
 }
 
+TEST_F(ProducerTest, ATimeOfDayStepDoesNotEndAWait) {
+    auto producer = makeProducer(1);
+    SbPtr held;
+    ASSERT_EQ(producer->acquireFromPool("x", held, kLong), 0);
+    onCallback([&] {
+        // First pass: the wait has started; the time of day jumps an hour ahead. Second pass: a
+        // slice has run out and the time-out was checked again; the heap comes back.
+        if (calls().size() == 1) host::stepWallClock(std::chrono::hours(1));
+        if (calls().size() == 2) held->releaseToOwner();
+    });
+    SbPtr sb;
+    EXPECT_EQ(producer->acquireFromPool("x", sb, kLong), 0);
+    EXPECT_EQ(androidCount("cannot acquire from pool after timeout"), 0u);
+    if (sb) sb->releaseToOwner();
+}
+
 TEST_F(ProducerTest, CallbackLogFlagEveryTenthRetryAfterThirty) {
     auto producer = makeProducer(1);
     SbPtr held;
@@ -241,13 +257,16 @@ TEST_F(ProducerTest, SharedProducerSharesTheHeapPool) {
     b->releaseToOwner();
 }
 
-TEST_F(ProducerTest, BufferNotMadeKeepsTheHeapCountedAsInUse) {
+TEST_F(ProducerTest, BufferNotMadeGivesTheHeapBack) {
     auto producer = makeProducer(1);
     host::StreamBufferFactory::failNextImage(1);
     SbPtr sb;
     EXPECT_EQ(producer->acquireFromPool("x", sb, kLong), -ENOMEM);
+    EXPECT_FALSE(sb);
     EXPECT_EQ(androidCount("cannot new HalImageStreamBuffer. Something wrong..."), 1u);
-    EXPECT_FALSE(heapAvailable());
+    EXPECT_TRUE(heapAvailable());
+    ASSERT_EQ(producer->acquireFromPool("x", sb, 0), 0);  // the one heap serves the next request
+    sb->releaseToOwner();
 }
 
 TEST_F(ProducerTest, ReleasingAnUntrackedBufferIsFatal) {

@@ -1,4 +1,7 @@
 // Pool set-up, buffer requests for every source, and pool control, through the public interfaces.
+#include <array>
+#include <future>
+
 #include "FramePathSupport.h"
 
 namespace fbmtest {
@@ -105,6 +108,32 @@ TEST_F(RequestTest, ErrorsOfEachSource) {
     EXPECT_EQ(androidCount("cannot acquire from pool after timeout(200000000 ns)."), 1u);
     a->releaseToOwner();
     b->releaseToOwner();
+}
+
+TEST_F(RequestTest, AProviderMayAnswerAfterTheRequestReturned) {
+    configure();
+    mHalProvider->answerLater = true;
+    mHalProvider->mInfoOfBuffers = mInfos[kHalProv];
+    auto requestInfo = imageInfo({.id = kHalProv, .name = "halProv"});  // same layout, new object
+    std::promise<SbPtr> answered;
+    {
+        std::array<char, 256> big;  // a capture that std::function keeps on the heap
+        big.fill('x');
+        int const err = mProvider->requestStreamBuffer(
+            [big, &answered](SbPtr const& sb) {
+                EXPECT_EQ(big[255], 'x');
+                answered.set_value(sb);
+            },
+            {1001, 1, requestInfo});
+        EXPECT_EQ(err, 0);
+    }
+    // Reported at once without a buffer, as a provider that succeeds with none.
+    EXPECT_EQ(androidCount("[requestStreamBuffer] [requestNo:1001 frameNo:1] err:0(Success)"), 1u);
+    mHalProvider->answerKeptRequest();
+    auto sb = answered.get_future().get();
+    ASSERT_TRUE(sb);
+    EXPECT_EQ(sb->streamInfoOf().get(), requestInfo.get());  // finished by the late answer
+    sb->releaseToOwner();
 }
 
 TEST_F(RequestTest, UnsupportedAttributeIsRefused) {
@@ -222,6 +251,30 @@ TEST_F(RequestTest, DeferredPoolIsAllocatedOnTrigger) {
     sb->releaseToOwner();
     sb.reset();
     releaseEverythingAndCheck();
+}
+
+TEST_F(RequestTest, ADeferredSharingGroupDrawsFromOneHeapPool) {
+    auto a = imageInfo({.id = 0x20, .name = "a", .max = 4, .min = 2, .deferred = true});
+    auto b = imageInfo({.id = 0x21, .name = "b", .max = 4, .min = 2, .deferred = true});
+    IFrameBufferManager::ConfigureStreams cfg;
+    cfg.sharedGroups = std::make_shared<std::vector<std::set<StreamId_T>>>(
+        std::vector<std::set<StreamId_T>>{{0x20, 0x21}});
+    cfg.imageStreams = {{a, eHAL_IMAGE_POOL, nullptr}, {b, eHAL_IMAGE_POOL, nullptr}};
+    mManager->beginConfigure();
+    ASSERT_EQ(mManager->configureStreams(cfg), 0);
+    ASSERT_EQ(mManager->endConfigure(), 0);
+    EXPECT_EQ(host::HeapFactory::alive(), 0);
+    EXPECT_EQ(mManager->triggerBufferPool(0x21), 0);  // any member may come first
+    EXPECT_EQ(mManager->triggerBufferPool(0x20), 0);
+    ASSERT_TRUE(poolsFilled({{0x20, 4}, {0x21, 4}}));
+    EXPECT_EQ(host::HeapFactory::alive(), 4);
+    std::vector<SbPtr> out;  // the four heaps serve both streams
+    for (StreamId_T id : {0x20, 0x21, 0x20, 0x21}) {
+        IPipelineFrameStreamBufferProvider::RequestStreamBuffer req{1, 1, id == 0x20 ? a : b};
+        ASSERT_EQ(mProvider->requestStreamBuffer([&](SbPtr const& sb) { out.push_back(sb); }, req), 0);
+    }
+    EXPECT_EQ(host::HeapFactory::alive(), 4);
+    for (auto& sb : out) sb->releaseToOwner();
 }
 
 TEST_F(RequestTest, PoolMaximumIsReadAndChanged) {

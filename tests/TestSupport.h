@@ -32,6 +32,7 @@ protected:
         host::LogCapture::setCapturing(true);
         host::LogCapture::clear();
         host::clearProperties();
+        host::resetWallClock();
         host::TraceRecorder::setEnabledTags(0);
         host::TraceRecorder::clear();
         host::HeapFactory::reset();
@@ -54,6 +55,25 @@ protected:
     static size_t ulogCount(std::string const& text) { return host::LogCapture::countULog(text); }
     static bool waitHeaps(std::function<bool(int64_t created, int64_t alive)> const& pred) {
         return host::HeapFactory::waitFor(pred, std::chrono::seconds(10));
+    }
+    // Waits (at most 10 s) until an Android log line containing `text` has been written since the
+    // last clear, and returns whether one was.
+    static bool waitForLine(std::string const& text) {
+        std::mutex m;
+        std::condition_variable cv;
+        bool seen = false;
+        host::LogCapture::setLineHook([&](std::string const& line) {
+            if (line.find(text) == std::string::npos) return;
+            std::lock_guard<std::mutex> lk(m);
+            seen = true;
+            cv.notify_all();
+        });
+        std::unique_lock<std::mutex> lk(m);
+        bool const ok = cv.wait_for(lk, std::chrono::seconds(10),
+                                    [&] { return seen || androidCount(text) > 0; });
+        lk.unlock();
+        host::LogCapture::setLineHook(nullptr);
+        return ok;
     }
 };
 

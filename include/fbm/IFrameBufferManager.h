@@ -20,8 +20,11 @@ namespace NSCam::v3::pipeline {
 
 using ImageStreamBufferCallback = std::function<void(std::shared_ptr<IImageStreamBuffer> const&)>;
 
-// A stream-buffer provider of the pipeline (PROVIDER streams). It calls `callback` with the buffer
-// it supplies, on any thread, and returns 0 or a negative errno code.
+// A stream-buffer provider of the pipeline (PROVIDER streams). It calls `callback` once with the
+// buffer it supplies (possibly null) and returns 0 or a negative errno code. It may answer during
+// the call or after it has returned, on any thread: `callback` may be copied and kept, and owns
+// what it needs. A buffer that arrives after the call returned reaches the pipeline's callback
+// all the same, but the request has already been reported without a buffer.
 class IStreamBufferProvider {
 public:
     struct Request {

@@ -1,5 +1,6 @@
 // Host stand-ins of the system tracer and of system properties.
 #include <cutils/trace.h>
+#include <vexlor/Clock.h>
 #include <vexlor/HostSeams.h>
 #include <vexlor/Properties.h>
 
@@ -78,6 +79,23 @@ extern "C" void atrace_end_body() {
     t.add({false, "", tid(), nowNs()});
 }
 
+namespace {
+std::atomic<int64_t> gWallClockStepNs{0};
+}  // namespace
+
+namespace NSCam::Utils::Clock {
+
+int64_t monotonicNs() { return nowNs(); }
+
+int64_t wallClockNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+               .count() +
+           gWallClockStepNs.load(std::memory_order_relaxed);
+}
+
+}  // namespace NSCam::Utils::Clock
+
 namespace NSCam::Utils::Properties {
 
 int32_t property_get_int32(char const* key, int32_t defaultValue) {
@@ -104,6 +122,9 @@ void clearProperties() {
     p.seeded = true;
     p.values.clear();
 }
+
+void stepWallClock(std::chrono::nanoseconds step) { gWallClockStepNs += step.count(); }
+void resetWallClock() { gWallClockStepNs = 0; }
 
 void TraceRecorder::setEnabledTags(uint64_t tags) { gEnabledTags = tags; }
 std::vector<TraceEvent> TraceRecorder::events() {

@@ -57,6 +57,12 @@ void setULogVerbose();
 void setProperty(std::string const& key, int32_t value);
 void clearProperties();
 
+// ---- clocks -------------------------------------------------------------------------------
+// Steps the wall clock of NSCam::Utils::Clock by `step` (as setting the time of day would); the
+// monotonic clock is untouched. resetWallClock takes every step back.
+void stepWallClock(std::chrono::nanoseconds step);
+void resetWallClock();
+
 // ---- tracing -------------------------------------------------------------------------------
 struct TraceEvent {
     bool begin;

@@ -5,6 +5,7 @@
 // called with theirs. With GCC the macros expand to nothing and the wrappers cost nothing.
 #include <algorithm>
 #include <chrono>
+#include <limits>
 #include <cerrno>
 #include <cstdint>
 #include <mutex>
@@ -98,6 +99,32 @@ inline void postSignal(void*) {}
 }  // namespace tsan
 }  // namespace detail
 
+namespace detail {
+// A duration in nanoseconds, 0 for a negative one and saturated at the largest count: a caller's
+// "forever" (hours::max()) must wait, not overflow into no time at all.
+template <class Rep, class Period>
+int64_t saturatedNs(std::chrono::duration<Rep, Period> const& d) {
+    using LongNs = std::chrono::duration<long double, std::nano>;
+    long double const ns = std::chrono::duration_cast<LongNs>(d).count();
+    if (!(ns > 0)) return 0;
+    if (ns >= static_cast<long double>(std::numeric_limits<int64_t>::max())) {
+        return std::numeric_limits<int64_t>::max();
+    }
+    return static_cast<int64_t>(ns);
+}
+// Now plus `d` on the steady clock, saturated at the clock's end.
+template <class Rep, class Period>
+std::chrono::steady_clock::time_point deadlineAfter(std::chrono::duration<Rep, Period> const& d) {
+    auto const now = std::chrono::steady_clock::now();
+    auto const room = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                          std::chrono::steady_clock::time_point::max() - now)
+                          .count();
+    int64_t const ns = saturatedNs(d);
+    if (ns >= room) return std::chrono::steady_clock::time_point::max();
+    return now + std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::nanoseconds(ns));
+}
+}  // namespace detail
+
 // The locks of the frame path are held for a few dozen instructions and taken a dozen times per
 // buffer: an inline lock that spins briefly before sleeping on a futex costs a fraction of a
 // pthread mutex, uncontended and contended. The same code runs under the thread sanitizer,
@@ -133,7 +160,7 @@ public:
     template <class Rep, class Period>
     bool try_lock_for(std::chrono::duration<Rep, Period> const& d) TRY_ACQUIRE(true) {
         detail::tsan::preLock(this, detail::tsan::kTry);
-        bool const locked = tryLockOnce() || lockUntil(std::chrono::steady_clock::now() + d);
+        bool const locked = tryLockOnce() || lockUntil(detail::deadlineAfter(d));
         detail::tsan::postLock(this, locked ? detail::tsan::kTry : detail::tsan::kTry | detail::tsan::kTryFailed);
         return locked;
     }
@@ -179,7 +206,7 @@ public:
     // False when the time ran out.
     template <class Rep, class Period>
     bool waitFor(Mutex& m, std::chrono::duration<Rep, Period> const& d) REQUIRES(m) {
-        auto const ns = std::max<int64_t>(0, std::chrono::duration_cast<std::chrono::nanoseconds>(d).count());
+        int64_t const ns = detail::saturatedNs(d);
         timespec const ts{static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
         return waitImpl(m, &ts);
     }
