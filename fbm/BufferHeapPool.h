@@ -10,6 +10,7 @@
 //   mAvailableLock  guards mAvailableBuf; with mInUseLock always taken together (std::lock),
 //   mInUseLock      guards mInUseBuf;     except in isPoolNeedRelease, dumpPool and the destructor.
 //   mCountLock      guards the target and the pending decrease; never held with the list locks.
+// A producer calls updateMaxBuffer with its mMapLock held, so every lock here comes after it.
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>

@@ -222,14 +222,28 @@ FreeMetaObject::~FreeMetaObject() {
     }
     mCond.notify_all();
     if (mWorker.joinable()) mWorker.join();
-    mPending.clear();  // whatever is left is destroyed on this thread
+    std::vector<MetaPtr> left;
+    {
+        std::lock_guard<std::mutex> lk(mLock);
+        mEnded = true;
+        left.swap(mPending);  // the vector holds no storage from here on
+    }
+    left.clear();  // whatever is left is destroyed on this thread
 }
 
 void FreeMetaObject::freeBufferVec(std::vector<MetaPtr>& buffers) {
-    std::lock_guard<std::mutex> lk(mLock);
-    mPending.insert(mPending.end(), buffers.begin(), buffers.end());
+    {
+        std::lock_guard<std::mutex> lk(mLock);
+        if (!mEnded) {
+            mPending.insert(mPending.end(), buffers.begin(), buffers.end());
+            buffers.clear();
+            mCond.notify_all();
+            return;
+        }
+    }
+    // The worker has ended: a pipeline thread still running at process exit (after the static
+    // destructor) frees its buffers itself.
     buffers.clear();
-    mCond.notify_all();
 }
 
 void FreeMetaObject::freeBufferThreadLoop() {
@@ -1112,20 +1126,14 @@ void FrameBufferManagerImpl::tryReleaseHistoryBufferSets(int64_t streamId, int c
     std::set<StreamId_T> const poolStreams = getPoolStreams(streamId);
 
     // Bounded, so that a long selection cannot stall a starving request; the release then goes
-    // ahead on what is left on the ready list.
-    // Held on some paths only, which the analysis cannot follow: taken and released through these.
-    bool const selectLocked = [this]() NO_THREAD_SAFETY_ANALYSIS {
-        return mInSelectLock.try_lock_for(kSelectLockWait);
-    }();
-    if (!selectLocked) {
+    // ahead on what is left on the ready list. Held, when taken, until the sets are released.
+    ScopedTryLock<TimedMutex> select(mInSelectLock, kSelectLockWait);
+    if (!select.owns()) {
         MY_LOGE("try_lock_for mInSelectLock timeout (10ms). Check the critical section between "
                 "beginSelect() and endSelect()");
     } else {
         MY_LOGD_IF(mLogLevel >= 3, "try_lock_for mInSelectLock within timeout (10ms)");
     }
-    auto unlockSelect = [&]() NO_THREAD_SAFETY_ANALYSIS {
-        if (selectLocked) mInSelectLock.unlock();
-    };
     auto warnNoSet = [&]() REQUIRES(mReadyLock) {
         MY_LOGW_AS("tryReleaseHistoryBufferSets",
                    "stream(%#lx) getOneHistoryBufferSetLocked failed! mReadyList(#%zu)",
@@ -1142,7 +1150,6 @@ void FrameBufferManagerImpl::tryReleaseHistoryBufferSets(int64_t streamId, int c
         }
         if (picked) {
             releaseOneBufferSet(set);
-            unlockSelect();
             return;
         }
     } else {
@@ -1176,13 +1183,10 @@ void FrameBufferManagerImpl::tryReleaseHistoryBufferSets(int64_t streamId, int c
         // of a number of sets with a number of heaps.
         size_t const released = sets.size();
         sets.clear();
-        if (released == static_cast<size_t>(count)) {
-            unlockSelect();
-            return;
-        }
+        if (released == static_cast<size_t>(count)) return;
     }
 
-    unlockSelect();
+    select.unlock();
     if (dumpOnFailure) {
         if (NSCam::Utils::ULog::ulogDebugOn()) {
             std::ostringstream ids;

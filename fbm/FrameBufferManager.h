@@ -9,9 +9,15 @@
 //   mInFlightLock   the in-flight list and every set in it.
 //   mReadyLock      the ready list and mReadyStreamCounters.
 //   mInSelectLock   held by a selector from beginSelect to endSelect.
-// Order: mInSelectLock before mReadyLock; mInFlightLock and mReadyLock are never held together.
+// Order, outermost first (checked by Clang's -Wthread-safety-beta where the analysis sees both):
+//   mInSelectLock before mReadyLock. A selector's returned sets, and the sets a starving pool
+//                   takes while a selection runs, are released into their producers (and so
+//                   into producer and heap pool locks) with mInSelectLock held.
+//   mInFlightLock before mConfigLock: returning a result looks streams up under it; and the
+//                   metadata it keeps is locked, copied and allocated under it.
+//   mInFlightLock and mReadyLock are never held together.
 // Producers and heap pools are called with no manager lock held, except that keeping a frame's
-// buffers (shareSB) runs under mInFlightLock.
+// buffers (shareSB) runs under mInFlightLock and releases run under mInSelectLock as above.
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -46,7 +52,8 @@ public:
     FreeMetaObject(FreeMetaObject const&) = delete;
     FreeMetaObject& operator=(FreeMetaObject const&) = delete;
 
-    // Takes every buffer over (the vector is left empty) and wakes the worker.
+    // Takes every buffer over (the vector is left empty) and wakes the worker; once the worker has
+    // ended (unload, process exit), frees them on the calling thread.
     void freeBufferVec(std::vector<MetaPtr>& buffers);
     void freeBufferThreadLoop();
 
@@ -56,6 +63,10 @@ private:
     std::vector<MetaPtr> mPending;  // guarded by mLock; in hand-over order
     std::thread mWorker;
     std::atomic<bool> mExit{false};
+    // Set by the destructor once the worker has ended (guarded by mLock): later hand-overs are
+    // freed on the caller's thread. The process-wide object is static, so its lock and this flag
+    // stay readable after it was destroyed; the pending vector is empty by then.
+    bool mEnded = false;
 };
 
 extern FreeMetaObject gFreeMetaObject;
@@ -228,7 +239,7 @@ protected:
     std::list<std::string> mConfigLogs GUARDED_BY(mConfigLogLock);  // every configuration's lines
     Mutex mConfigLogLock;
     std::list<InFlightBufferSet> mInFlightList GUARDED_BY(mInFlightLock);
-    mutable TimedMutex mInFlightLock;
+    mutable TimedMutex mInFlightLock ACQUIRED_BEFORE(mConfigLock);
     std::list<HistoryBufferSet> mReadyList GUARDED_BY(mReadyLock);  // ascending timestamp
     TimedMutex mReadyLock ACQUIRED_AFTER(mInSelectLock);
     // Image handles on the ready list per pool, keyed by the pool's smallest stream id.

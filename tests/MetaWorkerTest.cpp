@@ -59,6 +59,9 @@ TEST_F(MetaWorkerTest, HandOversDuringAPassGoInTheNextPassLastFirst) {
         EXPECT_NE(t, self);
         EXPECT_EQ(t, mThreads[0]);
     }
+    // The hook runs just before a buffer is counted out: the next test must not see it alive.
+    lk.unlock();
+    while (host::StreamBufferFactory::metaAlive() != 0) std::this_thread::yield();
 }
 
 TEST_F(MetaWorkerTest, ReleaseBufferOfEachKind) {
@@ -117,6 +120,25 @@ void destroyWorker(std::unique_ptr<FreeMetaObject>& worker, Round& round, char c
     }
     lk.unlock();
     destroyer.join();
+}
+
+// As the process-wide worker at exit: a pipeline thread that hands buffers over after the
+// static destructor ran frees them itself.
+TEST_F(MetaWorkerTest, AHandOverAfterTheWorkerEndedIsFreedOnTheCallersThread) {
+    alignas(FreeMetaObject) unsigned char storage[sizeof(FreeMetaObject)];
+    auto* worker = new (storage) FreeMetaObject;
+    worker->~FreeMetaObject();
+    host::StreamBufferFactory::setMetaDestroyHook([&](char const*) {
+        std::lock_guard<std::mutex> lk(mLock);
+        mThreads.push_back(static_cast<long>(syscall(SYS_gettid)));
+    });
+    auto info = metaInfo(0x100, "late");
+    std::vector<MetaPtr> late{makeMeta(info), makeMeta(info)};
+    worker->freeBufferVec(late);
+    EXPECT_TRUE(late.empty());
+    EXPECT_EQ(host::StreamBufferFactory::metaAlive(), 0);
+    std::lock_guard<std::mutex> lk(mLock);
+    EXPECT_EQ(mThreads, (std::vector<long>(2, static_cast<long>(syscall(SYS_gettid)))));
 }
 
 TEST_F(MetaWorkerTest, DestroyedAtEveryPointOfItsLoopItStops) {

@@ -265,6 +265,29 @@ private:
     M& mM;
 };
 
+// A lock tried for at most a while, and let go at the end of the scope (or at unlock()) when it
+// was taken. Whether it was is known only at run time, which the analysis cannot follow: code
+// that holds it this way says so in a comment.
+template <class M>
+class ScopedTryLock {
+public:
+    template <class Rep, class Period>
+    ScopedTryLock(M& m, std::chrono::duration<Rep, Period> const& d) NO_THREAD_SAFETY_ANALYSIS
+        : mM(m), mOwns(m.try_lock_for(d)) {}
+    ~ScopedTryLock() { unlock(); }
+    bool owns() const { return mOwns; }
+    void unlock() NO_THREAD_SAFETY_ANALYSIS {
+        if (mOwns) mM.unlock();
+        mOwns = false;
+    }
+    ScopedTryLock(ScopedTryLock const&) = delete;
+    ScopedTryLock& operator=(ScopedTryLock const&) = delete;
+
+private:
+    M& mM;
+    bool mOwns;
+};
+
 // Both locks at once with the standard deadlock-free two-lock acquisition (std::lock).
 class SCOPED_CAPABILITY DualLocker {
 public:
