@@ -8,13 +8,14 @@
 #   5. the libFuzzer harness for FBM_FUZZ_SECONDS (default 60) on every core, from the committed
 #      minimised corpus,
 #   6. the arm64 cross-build, its tests and a simulator run under qemu-user (stress test at 1,000
-#      frames instead of 4,000; no fuzzing there).
+#      frames instead of 4,000; no fuzzing there),
+#   7. Android.bp: canonical for bpfmt, and built for arm64 with mini-soong (check-android-bp.sh).
 # Usage: scripts/test.sh [--quick]   (--quick: step 1 only)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
 
-scripts/ensure-deps.sh build sim fuzz arm64
+scripts/ensure-deps.sh build sim fuzz arm64 soong
 
 step() { printf '\n==== %s ====\n' "$*"; }
 
@@ -71,7 +72,11 @@ step "arm64: cross-build, tests and a simulator run under qemu-user"
 cmake --preset arm64 >/dev/null
 cmake --build --preset arm64 -j "$jobs"
 ctest --preset arm64 -j "$jobs"
-qemu-aarch64 -L /usr/aarch64-linux-gnu ./build/arm64/tools/fbm-sim --no-progress -n 3000 |
+qemu-aarch64 -L / -E LD_LIBRARY_PATH="$PWD/build/deps/arm64/usr/lib/p7zip" \
+  ./build/arm64/tools/fbm-sim --no-progress -n 3000 |
   grep -E 'frames/s|leak check:'
+
+step "Android.bp: bpfmt and a mini-soong build for arm64"
+scripts/check-android-bp.sh
 
 step "all passed"

@@ -4,6 +4,9 @@
 #include <vexlor/LogScheme.h>
 #include <vexlor/Trace.h>
 
+#include <dlfcn.h>
+#include <utils/Printer.h>
+
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -184,6 +187,42 @@ TEST_F(LoggingTest, TraceSectionsOnlyWhileTheCameraTagIsOn) {
     EXPECT_FALSE(events[3].begin);
 }
 
+// Where the process finds a symbol: the file of the object that defines it.
+std::string definedIn(char const* symbol) {
+    void* const address = dlsym(RTLD_DEFAULT, symbol);
+    Dl_info info{};
+    if (address == nullptr || dladdr(address, &info) == 0 || info.dli_fname == nullptr) return "";
+    return info.dli_fname;
+}
+
+// The real Android libraries sit under the seams: lines go through liblog (and its logger hook,
+// debug lines included), printers are libutils', and the tracer's entry points are the recorder's,
+// found before libcutils' own (which is loaded too, and would record nothing).
+TEST_F(LoggingTest, LinesAndSectionsReachTheSeamsThroughTheRealLibraries) {
+    EXPECT_NE(definedIn("__android_log_print").find("liblog.so"), std::string::npos);
+    EXPECT_NE(definedIn("_ZN7android10LogPrinter9printLineEPKc").find("libutils.so"), std::string::npos);
+    EXPECT_NE(definedIn("atrace_setup").find("libcutils.so"), std::string::npos);
+    for (char const* entry : {"atrace_get_enabled_tags", "atrace_begin_body", "atrace_end_body"}) {
+        EXPECT_NE(definedIn(entry).find("libvexlor_platform.so"), std::string::npos) << entry;
+    }
+
+    __android_log_print(ANDROID_LOG_DEBUG, "seam", "debug %d", 3);
+    android::LogPrinter("seam").printLine("");  // a blank line goes out as one space
+    auto const lines = ownAndroidLines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].priority, ANDROID_LOG_DEBUG);
+    EXPECT_EQ(lines[0].tag, "seam");
+    EXPECT_EQ(lines[0].text, "debug 3");
+    EXPECT_EQ(lines[1].text, " ");
+
+    host::TraceRecorder::setEnabledTags(ATRACE_TAG_CAMERA);
+    atrace_begin(ATRACE_TAG_CAMERA, "through cutils' helper");
+    atrace_end(ATRACE_TAG_CAMERA);
+    host::TraceRecorder::setEnabledTags(0);
+    EXPECT_EQ(host::TraceRecorder::countBegins("through cutils' helper"), 1u);
+    EXPECT_EQ(host::TraceRecorder::events().size(), 2u);
+}
+
 // A unified logger that shows what it was told on stderr, so a death test can see the order.
 class StderrULogger : public ULogger {
 public:
@@ -199,11 +238,14 @@ TEST_F(LoggingTest, FatalStopWritesTheUnifiedLineNotifiesAndAborts) {
             static StderrULogger logger;
             ULogger::sULogger = &logger;
             host::setULogSwitches(1, 0, 9);
+            host::LogCapture::setEcho(true);  // the fatal line as liblog's logger hook gets it
             MY_FATAL("fail to lock metaSB(%#lx)", 0x10L);
         },
         "ULOG\\(1\\):\\[TestBody:line-[0-9]+\\] fail to lock metaSB\\(0x10\\)\n"
         "NOTIFY_FATAL\\(1\\)\n"
-        "F vexlor-ppl_fbm: \\[TestBody:line-[0-9]+\\] fail to lock metaSB\\(0x10\\) "
+        // liblog's own abort message, the bare text, then the line as its logger hook got it
+        "\\[TestBody:line-[0-9]+\\] fail to lock metaSB\\(0x10\\) \\(TestBody\\)\\{#[0-9]+:pipeline/pipeline/fbm/FrameBufferManager\\}\n"
+        ".* F vexlor-ppl_fbm: \\[TestBody:line-[0-9]+\\] fail to lock metaSB\\(0x10\\) "
         "\\(TestBody\\)\\{#[0-9]+:pipeline/pipeline/fbm/FrameBufferManager\\}");
 }
 

@@ -231,10 +231,11 @@ TEST(SimulatorInput, TraceEventsGoToTheFileAsTheyComeNotToMemory) {
         fbmsim::TraceWriter writer;
         ASSERT_TRUE(writer.open(dir / "t.json", error)) << error;
         vexlor::host::TraceRecorder::clear();
+        vexlor::host::TraceRecorder::setEnabledTags(ATRACE_TAG_CAMERA);
         writer.start();
         for (int i = 0; i < 1000; ++i) {
-            atrace_begin_body("frame \"work\"");
-            atrace_end_body();
+            atrace_begin(ATRACE_TAG_CAMERA, "frame \"work\"");
+            atrace_end(ATRACE_TAG_CAMERA);
         }
         EXPECT_TRUE(vexlor::host::TraceRecorder::events().empty());
         ASSERT_TRUE(writer.finish(error)) << error;
@@ -243,8 +244,9 @@ TEST(SimulatorInput, TraceEventsGoToTheFileAsTheyComeNotToMemory) {
     EXPECT_EQ(trace["traceEvents"].size(), 2000u);
     EXPECT_EQ(trace["traceEvents"][0]["name"], "frame \"work\"");
     // Recording resumes in memory once the writer is done.
-    atrace_begin_body("after");
-    atrace_end_body();
+    atrace_begin(ATRACE_TAG_CAMERA, "after");
+    atrace_end(ATRACE_TAG_CAMERA);
+    vexlor::host::TraceRecorder::setEnabledTags(0);
     EXPECT_EQ(vexlor::host::TraceRecorder::countBegins("after"), 1u);
 }
 

@@ -1,6 +1,7 @@
-// Host stand-ins of the Android log, the unified logger and the printers, with line capture.
-#include <android/Printer.h>
+// Host stand-ins of the unified logger and its printer, and the capture of the Android log: lines
+// written through the real liblog reach the capture through liblog's own logger hook.
 #include <android/log.h>
+#include <utils/Printer.h>
 #include <vexlor/HostSeams.h>
 #include <vexlor/LogScheme.h>
 #include <vexlor/ULog.h>
@@ -79,61 +80,28 @@ public:
 
 CapturingULogger gCapturingULogger;
 
+// liblog's logger hook. Its record changed in API 30 (one __android_log_message); Debian's liblog
+// (release 29) passes an __android_logger_data and the text apart. Only this differs.
+#if VEXLOR_LIBLOG_LOGGER_DATA
+void hostLogger(__android_logger_data const* data, char const* message) {
+    recordAndroid(data->priority, data->tag, message ? message : "");
+}
+#else
+void hostLogger(__android_log_message const* message) {
+    recordAndroid(message->priority, message->tag, message->message ? message->message : "");
+}
+#endif
+
+// Every line of the process goes to the capture, debug lines included: the host liblog drops
+// lines below INFO unless the minimum priority is lowered.
+bool installLogHook() {
+    __android_log_set_logger(hostLogger);
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    return true;
+}
+bool const gLogHookInstalled = installLogHook();  // at load, before any library above logs
+
 }  // namespace
-
-extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
-    char buf[4096];
-    va_list ap;
-    va_start(ap, fmt);
-    int n = std::vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    if (n < 0) return n;
-    recordAndroid(prio, tag, buf);
-    return n;
-}
-
-extern "C" void __android_log_assert(const char* cond, const char* tag, const char* fmt, ...) {
-    char buf[4096];
-    va_list ap;
-    va_start(ap, fmt);
-    std::vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    recordAndroid(ANDROID_LOG_FATAL, tag, buf);
-    std::fprintf(stderr, "F %s: %s%s%s\n", tag ? tag : "", cond ? cond : "", cond ? " " : "", buf);
-    std::fflush(stderr);
-    std::abort();
-}
-
-namespace android {
-
-void Printer::printFormatLine(const char* format, ...) {
-    char buf[1024];
-    va_list ap;
-    va_start(ap, format);
-    int n = std::vsnprintf(buf, sizeof buf, format, ap);
-    va_end(ap);
-    printLine(n < 0 ? "" : buf);
-}
-
-LogPrinter::LogPrinter(const char* logtag, android_LogPriority priority, const char* prefix,
-                       bool ignoreBlankLines)
-    : mLogTag(logtag), mPriority(priority), mPrefix(prefix ? prefix : ""),
-      mIgnoreBlankLines(ignoreBlankLines) {}
-
-void LogPrinter::printLine(const char* string) {
-    if (string == nullptr) return;
-    if (string[0] == '\0') {
-        if (!mIgnoreBlankLines) printRaw(" ");
-        return;
-    }
-    printRaw(string);
-}
-
-void LogPrinter::printRaw(const char* string) {
-    __android_log_print(mPriority, mLogTag, "%s%s", mPrefix, string);
-}
-
-}  // namespace android
 
 namespace NSCam::Utils::ULog {
 

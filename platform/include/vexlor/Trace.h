@@ -1,22 +1,19 @@
 #pragma once
-// Trace sections of the camera tag. The tag is tested separately at the beginning and at the end
-// of a section, and nothing is called while it is off.
+// Trace sections of the camera tag, through the system tracer's own inline helpers: each of
+// atrace_begin and atrace_end tests the enabled tags itself, so the test is made separately at the
+// beginning and at the end of a section, and nothing is called while the tag is off.
 #include <cutils/trace.h>
 
 #include <string>
 
 namespace NSCam::Utils {
 
-inline bool cameraTraceOn() { return (atrace_get_enabled_tags() & ATRACE_TAG_CAMERA) != 0; }
+inline bool cameraTraceOn() { return atrace_is_tag_enabled(ATRACE_TAG_CAMERA) != 0; }
 
 class ScopedTrace {
 public:
-    explicit ScopedTrace(char const* name) {
-        if (cameraTraceOn()) atrace_begin_body(name);
-    }
-    ~ScopedTrace() {
-        if (cameraTraceOn()) atrace_end_body();
-    }
+    explicit ScopedTrace(char const* name) { atrace_begin(ATRACE_TAG_CAMERA, name); }
+    ~ScopedTrace() { atrace_end(ATRACE_TAG_CAMERA); }
     ScopedTrace(ScopedTrace const&) = delete;
     ScopedTrace& operator=(ScopedTrace const&) = delete;
 };
@@ -24,8 +21,8 @@ public:
 // A section opened and closed at once.
 inline void traceMarker(char const* name) {
     if (cameraTraceOn()) {
-        atrace_begin_body(name);
-        atrace_end_body();
+        atrace_begin(ATRACE_TAG_CAMERA, name);
+        atrace_end(ATRACE_TAG_CAMERA);
     }
 }
 

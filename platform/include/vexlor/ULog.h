@@ -1,7 +1,7 @@
 #pragma once
 // The camera stack's unified logger, as this system uses it: four process-wide switches, the
 // logger object with writeLog/notifyFatal, and ULogPrinter, which sends printed lines to the logs.
-#include <android/Printer.h>
+#include <utils/Printer.h>
 #include <vexlor/IPrinter.h>
 
 #include <atomic>
