@@ -121,10 +121,27 @@ int32_t BufferHeapPool::returnBufferToPool_l(char const* callerName, HeapPtr& he
     mAvailableBuf.splice(mAvailableBuf.end(), mInUseBuf, it);
     heap.reset();  // given back: only a refused heap stays with the caller
     mAvailableCond.notifyOne();
+    heapAvailable();
     MY_LOGD_IF(mLogLevel >= 1, "[%s] successfully return buffer. available(#%zu) inUse(#%zu) buffer(%p)",
                callerName, mAvailableBuf.size(), mInUseBuf.size(),
                static_cast<void const*>(mAvailableBuf.back().get()));
     return 0;
+}
+
+void BufferHeapPool::heapAvailable() {
+    mAvailableSeq.fetch_add(1, std::memory_order_seq_cst);
+    if (mHeapWaiters.load(std::memory_order_seq_cst) == 0) return;
+    LockGuard<Mutex> lk(mHeapWaitLock);
+    mHeapWaitCond.notifyAll();
+}
+
+bool BufferHeapPool::waitForHeap(uint64_t seen, std::chrono::nanoseconds slice) {
+    LockGuard<Mutex> lk(mHeapWaitLock);
+    mHeapWaiters.fetch_add(1, std::memory_order_seq_cst);
+    bool woken = mAvailableSeq.load(std::memory_order_seq_cst) != seen;
+    if (!woken) woken = mHeapWaitCond.waitFor(mHeapWaitLock, slice);
+    mHeapWaiters.fetch_sub(1, std::memory_order_relaxed);
+    return woken;
 }
 
 int32_t BufferHeapPool::updateBufferCount(int32_t count) {
@@ -132,6 +149,7 @@ int32_t BufferHeapPool::updateBufferCount(int32_t count) {
     {
         LockGuard<Mutex> lk(mCountLock);
         mTargetMaxBuffer = count;
+        mTargetSeq.fetch_add(1);
     }
     if (mUpdateFutures.empty()) {
         mUpdateFutures.push_back(std::async(std::launch::async, [this]() { return workerLoop(); }));
@@ -156,8 +174,10 @@ int32_t BufferHeapPool::workerLoop() {
     // A failing allocator is tried again after a pause that doubles up to a limit, so memory
     // pressure costs one line per try instead of a core; a success starts over.
     auto backOff = std::chrono::milliseconds(0);
-    auto readTarget = [this] {
+    uint32_t targetSeq = 0;  // the target changes seen so far
+    auto readTarget = [this, &targetSeq] {
         LockGuard<Mutex> lk(mCountLock);
+        targetSeq = mTargetSeq.load(std::memory_order_relaxed);
         return mTargetMaxBuffer;
     };
     int32_t target = readTarget();
@@ -168,9 +188,12 @@ int32_t BufferHeapPool::workerLoop() {
             HeapPtr heap = mAllocator();
             if (heap) {
                 backOff = std::chrono::milliseconds(0);
-                LockGuard<Mutex> lk(mAvailableLock);
-                mAvailableBuf.push_back(std::move(heap));
-                ++mAllocatedCount;
+                {
+                    LockGuard<Mutex> lk(mAvailableLock);
+                    mAvailableBuf.push_back(std::move(heap));
+                    ++mAllocatedCount;
+                }
+                heapAvailable();  // a request may be waiting for the pool's first heaps
             } else {
                 MY_LOGE_AS(fn, "do_construct allocate buffer failed");
                 backOff = std::clamp(backOff * 2, kAllocRetryFirst, kAllocRetryLast);
@@ -185,7 +208,10 @@ int32_t BufferHeapPool::workerLoop() {
         if (mAllocatedCount > target) {
             {
                 LockGuard<Mutex> lk(mAvailableLock);
-                if (mAvailableBuf.empty() && !mExit) mAvailableCond.wait(mAvailableLock);
+                // Also woken by a new target (tested here under the lock it is signalled with).
+                if (mAvailableBuf.empty() && !mExit && mTargetSeq.load() == targetSeq) {
+                    mAvailableCond.wait(mAvailableLock);
+                }
             }
             // The target may have been raised during the wait: a heap freed against the old one
             // would only be made again.

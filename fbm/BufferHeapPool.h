@@ -10,8 +10,10 @@
 //   mAvailableLock  guards mAvailableBuf; with mInUseLock always taken together (std::lock),
 //   mInUseLock      guards mInUseBuf;     except in isPoolNeedRelease, dumpPool and the destructor.
 //   mCountLock      guards the target and the pending decrease; never held with the list locks.
+//   mHeapWaitLock   the wait for a heap (waitForHeap); taken alone, or innermost.
 // A producer calls updateMaxBuffer with its mMapLock held, so every lock here comes after it.
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -59,10 +61,19 @@ public:
     void dumpPool() const;
     char const* poolName() const { return mPoolName.c_str(); }
 
+    // Waiting for a heap, for the producers above. availableSeq() counts the heaps that became
+    // available so far (made by the worker or given back through any producer); read it before
+    // trying acquireFromPool, and waitForHeap(seen, slice) returns true at once if it moved since,
+    // else waits at most `slice` for the next one: true when woken, false when the slice ran out.
+    uint64_t availableSeq() const { return mAvailableSeq.load(std::memory_order_acquire); }
+    bool waitForHeap(uint64_t seen, std::chrono::nanoseconds slice) EXCLUDES(mHeapWaitLock);
+
 private:
     int32_t getBufferFromPool_l(char const* callerName, HeapPtr& out) REQUIRES(mPoolLock);
     int32_t returnBufferToPool_l(char const* callerName, HeapPtr& heap) REQUIRES(mPoolLock);
     int32_t workerLoop();
+    // A heap was put on mAvailableBuf: wakes whoever waits for one (no pool lock needed).
+    void heapAvailable() EXCLUDES(mHeapWaitLock);
 
     int32_t mLogLevel;
     std::string mPoolName;
@@ -78,6 +89,9 @@ private:
     int32_t mMinInitBuffer = 0;
     int32_t mTargetMaxBuffer GUARDED_BY(mCountLock) = 0;
     int32_t mNeedDecreaseMaxBuffer GUARDED_BY(mCountLock) = 0;
+    // Counts target changes (written under mCountLock): the worker's wait for a heap to shed
+    // tests it under mAvailableLock, which updateBufferCount takes to wake that wait.
+    std::atomic<uint32_t> mTargetSeq{0};
     // Whether a decrease is pending, written with mNeedDecreaseMaxBuffer: the acquire path asks
     // on every buffer and need not take mCountLock for the usual answer, no.
     std::atomic<bool> mDecreasePending{false};
@@ -87,6 +101,13 @@ private:
     Condition mAvailableCond;  // a heap came back to mAvailableBuf; with mAvailableLock
     mutable Mutex mCountLock;
     Condition mUpdateCond;  // the target changed, or exit; with mCountLock
+    // Requests waiting for a heap of this pool, whichever producer they came through. The count
+    // is raised before a waiter reads mAvailableSeq and read after a notifier raised the
+    // sequence, so a notifier that sees no waiter needs no lock.
+    std::atomic<uint64_t> mAvailableSeq{0};
+    std::atomic<int32_t> mHeapWaiters{0};
+    Mutex mHeapWaitLock;     // innermost: nothing is taken while it is held
+    Condition mHeapWaitCond;  // a heap became available; with mHeapWaitLock
 };
 
 }  // namespace NSCam::v3::pipeline

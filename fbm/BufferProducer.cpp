@@ -171,7 +171,9 @@ int32_t BufferProducer::acquireFromPool(char const* /*name*/, SbPtr& out, int64_
     // The clock is read only once the first try has failed: the fast path needs no time.
     int64_t startUs = -1;
     for (;;) {
-        uint64_t const releasesBefore = mReleaseSeq.load(std::memory_order_acquire);
+        // Any heap that becomes available in the pool after this (made by its worker, or given
+        // back through any producer of the pool) ends the wait below at once.
+        uint64_t const heapsBefore = pool->availableSeq();
         if (!pool->isPoolWaitForRelease() && pool->acquireFromPool(streamName, heap) == 0) break;
         int64_t const nowUs = elapsedUs();
         if (startUs < 0) startUs = nowUs;
@@ -196,9 +198,7 @@ int32_t BufferProducer::acquireFromPool(char const* /*name*/, SbPtr& out, int64_
                 break;
             }
         }
-        LockGuard<Mutex> lk(mHeapPoolLock);
-        if (mReleaseSeq.load(std::memory_order_relaxed) != releasesBefore) continue;  // woken already
-        if (!mHeapPoolCond.waitFor(mHeapPoolLock, kWaitSlice)) {
+        if (!pool->waitForHeap(heapsBefore, kWaitSlice)) {  // only a slice that ran out counts
             MY_LOGD_IF(mLogLevel >= 1, "%s: retry(#%d) every 10ms", toString().c_str(), retry);
             ++retry;
         }
@@ -321,9 +321,7 @@ int32_t BufferProducer::returnHeapToPool(HeapPtr heap) {
         MY_LOGE_AS("releaseToPool", "%s: Pool is null", toString().c_str());
         return -EINVAL;
     }
-    mHeapPool->releaseToPool(mStreamInfo->streamName(), std::move(heap));
-    mReleaseSeq.fetch_add(1, std::memory_order_release);
-    mHeapPoolCond.notifyOne();
+    mHeapPool->releaseToPool(mStreamInfo->streamName(), std::move(heap));  // wakes its waiters
     return 0;
 }
 

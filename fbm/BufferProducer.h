@@ -4,13 +4,14 @@
 // It wraps heaps of a BufferHeapPool (shared by the producers of a pool-shared group) into HAL
 // image stream buffers, and tracks which stream buffers use which heap: a heap goes back to the
 // heap pool only when the last stream buffer over it is released (several may share one, shareSB).
-// When no heap is to be had it waits in 10 ms slices up to the caller's time-out and, when the
-// heap pool says so, asks the manager through mReleaseCallback to release kept buffers.
+// When no heap is to be had it waits in 10 ms slices up to the caller's time-out, woken by any heap
+// that becomes available in the heap pool, and, when the heap pool says so, asks the manager
+// through mReleaseCallback to release kept buffers.
 //
 // Ownership: made only through std::make_shared (it hands shared handles of itself to the stream
 // buffers it makes, which keep it alive until released); it holds its heap pool.
 //
-// Locks: mHeapPoolLock (heap pool handle, mInitialized, the wait) before mMapLock (counts and
+// Locks: mHeapPoolLock (heap pool handle, mInitialized) before mMapLock (counts and
 // maps), nested only while the pool is first sized (initProducer). A group member's mHeapPoolLock
 // is held while it takes its group's first producer's (groupHeapPool); never the other way. The
 // release callback is called with no lock held: it may release buffers, re-entering
@@ -84,7 +85,7 @@ private:
     // none yet (a deferred group's first trigger).
     std::shared_ptr<BufferHeapPool> groupHeapPool(HeapAllocator& allocator) EXCLUDES(mHeapPoolLock);
     std::shared_ptr<BufferHeapPool> heapPool() const EXCLUDES(mHeapPoolLock);
-    // Gives a heap nobody uses any more back to the heap pool and wakes a waiting acquire.
+    // Gives a heap nobody uses any more back to the heap pool (which wakes its waiters).
     int32_t returnHeapToPool(HeapPtr heap) EXCLUDES(mHeapPoolLock);
     // Tracks `sb` over `heap`; false when `sb` is already tracked.
     bool trackLocked(SbPtr sb, HeapPtr heap, size_t& refCnt) REQUIRES(mMapLock);
@@ -94,10 +95,6 @@ private:
     int32_t mLogLevel;
     std::string mName;
     mutable Mutex mHeapPoolLock ACQUIRED_BEFORE(mMapLock);
-    Condition mHeapPoolCond;  // a heap of ours went back; with mHeapPoolLock
-    // Heaps this producer gave back so far, counted under mHeapPoolLock: an acquire that tried the
-    // heap pool before a release and waits after it counts that release as its wake-up.
-    std::atomic<uint64_t> mReleaseSeq{0};
     std::shared_ptr<IImageStreamInfo> mStreamInfo;
     // Written by construction, initProducer and setBufferHeapPool (configuring thread, under the
     // lock); poolName and dumpPool read it without the lock, as they must stay cheap.

@@ -118,6 +118,81 @@ TEST_F(ProducerTest, WaitingAcquireIsWokenByAReleaseFromAnotherThread) {
     EXPECT_EQ(acquirer.get(), 0);
 }
 
+// Calls `action` on another thread when the heap pool has logged its n-th try of `stream` that
+// found no heap: the requester has then made its last try before waiting. Needs the pool's log
+// level at 1; the action runs off the logging thread, which holds the pool's locks.
+class OnNthEmptyTry {
+public:
+    OnNthEmptyTry(std::string stream, int n, std::function<void()> action)
+        : mThread([this, action = std::move(action)] {
+              mGo.wait();
+              action();
+          }) {
+        host::LogCapture::setLineHook([this, stream = "[" + stream + "] available(#0)", n](std::string const& line) {
+            if (line.find(stream) != std::string::npos && ++mSeen == n && !mFired.exchange(true)) {
+                mGo.count_down();
+            }
+        });
+    }
+    ~OnNthEmptyTry() {
+        host::LogCapture::setLineHook(nullptr);
+        if (!mFired.exchange(true)) mGo.count_down();  // never reached: run it now, and end
+        mThread.join();
+    }
+
+private:
+    std::atomic<int> mSeen{0};
+    std::atomic<bool> mFired{false};
+    std::latch mGo{1};
+    std::thread mThread;
+};
+
+// A heap becoming available in the pool wakes a waiting request at once, whoever made it
+// available: the pool's worker (the first heaps after configuration), or a sibling producer of a
+// shared pool. Only a slice that ran out logs a retry; the check runs up to five times, so that a
+// machine too loaded to hand a heap over within a slice cannot fail it, while a missing wake-up
+// fails every time.
+TEST_F(ProducerTest, AHeapMadeByTheWorkerOrGivenBackByASiblingWakesAWaitingRequest) {
+    host::setProperty("vendor.debug.camera.log.pipeline.fbm.producer", 1);
+    host::setProperty("vendor.debug.camera.log.pipeline.fbm.pool", 1);
+    auto runWithoutRetry = [&](auto&& scenario) {
+        for (int attempt = 0; attempt < 5; ++attempt) {
+            host::LogCapture::clear();
+            scenario();
+            if (androidCount("every 10ms") == 0) return true;
+        }
+        return false;
+    };
+
+    EXPECT_TRUE(runWithoutRetry([&] {  // the worker is still making the pool's one heap
+        std::latch allocate(1);
+        HeapAllocator slow = [&] {
+            allocate.wait();
+            return mAllocator();
+        };
+        auto producer = std::make_shared<BufferProducer>("slow", mInfo, callback(), nullptr);
+        OnNthEmptyTry trigger("preview", 2, [&] { allocate.count_down(); });
+        ASSERT_EQ(producer->initProducer(1, 0, HeapAllocator(slow)), 0);
+        SbPtr sb;
+        ASSERT_EQ(producer->acquireFromPool("x", sb, kLong), 0);
+        sb->releaseToOwner();
+    }));
+
+    auto siblingInfo = imageInfo({.id = 0x11, .name = "sibling", .max = 4, .min = 2});
+    EXPECT_TRUE(runWithoutRetry([&] {  // the one heap is out through the sibling
+        auto first = makeProducer(1);
+        auto sibling = std::make_shared<BufferProducer>("preview-pool", siblingInfo, callback(), first);
+        ASSERT_EQ(sibling->initProducer(1, 0, HeapAllocator(mAllocator)), 0);
+        SbPtr held, sb;
+        ASSERT_EQ(sibling->acquireFromPool("x", held, kLong), 0);
+        {
+            OnNthEmptyTry trigger("preview", 2, [&] { held->releaseToOwner(); });
+            ASSERT_EQ(first->acquireFromPool("x", sb, kLong), 0);
+        }
+        sb->releaseToOwner();
+    }));
+}
+
 TEST_F(ProducerTest, ATimeOfDayStepDoesNotEndAWait) {
     auto producer = makeProducer(1);
     SbPtr held;
