@@ -1289,44 +1289,82 @@ void FrameBufferManagerImpl::dumpBufferPools(IPrinter& printer) {
     }
 }
 
+// Lines of a dump, made under a lock and printed after it is let go: the printer may be a pipe to
+// a debugging tool, and a slow reader must not hold up the frame path. Each line reaches the
+// printer through the same operation (printLine or printFormatLine) it would have been printed
+// with, so the printer formats and bounds it as it always did.
+class DumpLines {
+public:
+    void line(char const* text) { mLines.push_back({false, text}); }
+    void formatLine(char const* format, ...) __attribute__((format(printf, 2, 3))) {
+        va_list args;
+        va_start(args, format);
+        va_list again;
+        va_copy(again, args);
+        int const n = std::vsnprintf(nullptr, 0, format, args);
+        va_end(args);
+        std::string text(n > 0 ? static_cast<size_t>(n) : 0, '\0');
+        if (n > 0) std::vsnprintf(text.data(), text.size() + 1, format, again);
+        va_end(again);
+        mLines.push_back({true, std::move(text)});
+    }
+    void printTo(IPrinter& printer) const {
+        for (auto const& l : mLines) {
+            if (l.formatted) printer.printFormatLine("%s", l.text.c_str());
+            else printer.printLine(l.text.c_str());
+        }
+    }
+
+private:
+    struct Line {
+        bool formatted;
+        std::string text;
+    };
+    std::vector<Line> mLines;
+};
+
 void FrameBufferManagerImpl::dumpBufferState(IPrinter& printer) {
+    DumpLines lines;
     if (mInFlightLock.try_lock_for(kDumpLockWait)) {
-        dumpInFlightListLocked(printer);
+        dumpInFlightListLocked(lines);
         mInFlightLock.unlock();
     } else {
-        printer.printLine("Timeout waiting for mInFlightLock");
+        lines.line("Timeout waiting for mInFlightLock");
     }
+    lines.printTo(printer);
+    DumpLines ready;
     if (mReadyLock.try_lock_for(kDumpLockWait)) {
-        dumpReadyListLocked(printer);
+        dumpReadyListLocked(ready);
         mReadyLock.unlock();
     } else {
-        printer.printLine("Timeout waiting for mReadyLock");
+        ready.line("Timeout waiting for mReadyLock");
     }
+    ready.printTo(printer);
 }
 
-void FrameBufferManagerImpl::dumpInFlightListLocked(IPrinter& printer) {
-    printer.printLine("<InFlightList>");
+void FrameBufferManagerImpl::dumpInFlightListLocked(DumpLines& out) {
+    out.line("<InFlightList>");
     for (auto const& set : mInFlightList) {
-        printer.printFormatLine("    [R%u F%u]TS:%lu #%zu left {%s} {%s} {%s}", set.requestNo,
-                                set.frameNo, static_cast<unsigned long>(set.timestamp), set.remaining,
-                                toString_BuffersStreamId(set.halImage).c_str(),
-                                toString_BuffersStreamId(set.halMeta).c_str(),
-                                toString_BuffersStreamId(set.appMeta).c_str());
+        out.formatLine("    [R%u F%u]TS:%lu #%zu left {%s} {%s} {%s}", set.requestNo, set.frameNo,
+                       static_cast<unsigned long>(set.timestamp), set.remaining,
+                       toString_BuffersStreamId(set.halImage).c_str(),
+                       toString_BuffersStreamId(set.halMeta).c_str(),
+                       toString_BuffersStreamId(set.appMeta).c_str());
     }
 }
 
-void FrameBufferManagerImpl::dumpReadyListLocked(IPrinter& printer) {
-    printer.printLine("<ReadyList>");
+void FrameBufferManagerImpl::dumpReadyListLocked(DumpLines& out) {
+    out.line("<ReadyList>");
     for (auto const& set : mReadyList) {
-        printer.printFormatLine("    [R%u F%u]TS:%lu {%s} {%s} {%s}", set.requestNo, set.frameNo,
-                                static_cast<unsigned long>(set.timestamp),
-                                toString_BuffersStreamId(set.halImage).c_str(),
-                                toString_BuffersStreamId(set.halMeta).c_str(),
-                                toString_BuffersStreamId(set.appMeta).c_str());
+        out.formatLine("    [R%u F%u]TS:%lu {%s} {%s} {%s}", set.requestNo, set.frameNo,
+                       static_cast<unsigned long>(set.timestamp),
+                       toString_BuffersStreamId(set.halImage).c_str(),
+                       toString_BuffersStreamId(set.halMeta).c_str(),
+                       toString_BuffersStreamId(set.appMeta).c_str());
     }
     std::ostringstream oss;
     for (auto const& [id, n] : mReadyStreamCounters) oss << id << "(" << n << ") ";
-    printer.printFormatLine("mReadyStreamCounters: %s", oss.str().c_str());
+    out.formatLine("mReadyStreamCounters: %s", oss.str().c_str());
 }
 
 // =================================================================================================

@@ -86,6 +86,8 @@ struct Allocator {
     std::shared_ptr<nivo::IImageBufferHeap> operator()() const;
 };
 
+class DumpLines;
+
 // ---- the manager -------------------------------------------------------------------------------
 class FrameBufferManagerImpl : public IFrameBufferManager,
                                public IPipelineFrameStreamBufferProvider,
@@ -210,8 +212,9 @@ protected:
     void increaseReadyCounters(HistoryBufferSet const& set, int delta) REQUIRES(mReadyLock);
     bool pickOneHistoryBufferSetLocked(std::set<StreamId_T> const& poolStreams,
                                        HistoryBufferSet& out) REQUIRES(mReadyLock);
-    void dumpInFlightListLocked(IPrinter& printer) REQUIRES(mInFlightLock);
-    void dumpReadyListLocked(IPrinter& printer) REQUIRES(mReadyLock);
+    // The lists' lines, made under their locks and printed by the caller once they are let go.
+    void dumpInFlightListLocked(DumpLines& out) REQUIRES(mInFlightLock);
+    void dumpReadyListLocked(DumpLines& out) REQUIRES(mReadyLock);
     // The open configuration's printer, or one made for this call when none is open.
     std::shared_ptr<IPrinter> configPrinter() EXCLUDES(mConfigLock);
     std::shared_ptr<IPrinter> makeConfigPrinter();

@@ -61,7 +61,7 @@ if [ -n "${arm64:-}" ]; then
   deps="$root/build/deps/arm64"
   if [ ! -f "$deps/usr/lib/p7zip/7z.so" ]; then
     mkdir -p "$deps/debs"
-    (cd "$deps/debs" && apt-get download -qq p7zip-full:arm64)
+    (cd "$deps/debs" && apt-get download -qq -o APT::Sandbox::User=root p7zip-full:arm64)
     dpkg-deb -x "$deps"/debs/p7zip-full_*_arm64.deb "$deps"
   fi
 fi

@@ -5,6 +5,11 @@
 #include <thread>
 #include <unistd.h>
 
+#include <cstdarg>
+#include <future>
+#include <mutex>
+#include <set>
+
 #include "FramePathSupport.h"
 
 namespace fbmtest {
@@ -183,6 +188,78 @@ TEST_F(ReleaseTest, DumpShowsTheFramesAndTheCounters) {
     EXPECT_EQ(lines[at("<ReadyList>") + 2], "mReadyStreamCounters: 1(1) ");
     EXPECT_TRUE(printer.contains("    [IMAGE-HAL-POOL    ]0x1:preview 640x480"));
     EXPECT_TRUE(printer.contains("    ( 2 3 )"));
+    releaseEverythingAndCheck();
+}
+
+// A printer that is a pipe to a slow reader: it holds each heading line until let go.
+class BlockingPrinter : public NSCam::IPrinter {
+public:
+    void printLine(char const* line) override {
+        std::unique_lock<std::mutex> lk(mLock);
+        mLines.emplace_back(line);
+        mCond.notify_all();
+        if (line[0] == '<') mCond.wait(lk, [&] { return mLetGo.count(line) != 0; });
+    }
+    void printFormatLine(char const* format, ...) override {
+        char buf[1024];
+        va_list args;
+        va_start(args, format);
+        std::vsnprintf(buf, sizeof buf, format, args);
+        va_end(args);
+        printLine(buf);
+    }
+    bool heldAt(std::string const& heading) {
+        std::unique_lock<std::mutex> lk(mLock);
+        return mCond.wait_for(lk, std::chrono::seconds(10), [&] { return !mLines.empty() && mLines.back() == heading; });
+    }
+    void letGo(std::string const& heading) {
+        std::lock_guard<std::mutex> lk(mLock);
+        mLetGo.insert(heading);
+        mCond.notify_all();
+    }
+    std::vector<std::string> lines() {
+        std::lock_guard<std::mutex> lk(mLock);
+        return mLines;
+    }
+
+private:
+    std::mutex mLock;
+    std::condition_variable mCond;
+    std::set<std::string> mLetGo;
+    std::vector<std::string> mLines;
+};
+
+TEST_F(ReleaseTest, FramesFlowWhileADumpWaitsOnItsPrinter) {
+    keptFrame(1, 100);
+    track(2, {kPreview}, {kHalMeta});
+    BlockingPrinter printer;
+    std::thread dumper([&] { mManager->dumpBufferState(printer); });
+    auto withinTenSeconds = [](auto&& work) {
+        return std::async(std::launch::async, work).wait_for(std::chrono::seconds(10)) ==
+               std::future_status::ready;
+    };
+    ASSERT_TRUE(printer.heldAt("<InFlightList>"));
+    EXPECT_TRUE(withinTenSeconds([&] {
+        keptFrame(3, 300);
+        Result r;
+        r.destroyed = true;
+        returnResult(2, r);
+    }));
+    printer.letGo("<InFlightList>");
+    ASSERT_TRUE(printer.heldAt("<ReadyList>"));
+    EXPECT_TRUE(withinTenSeconds([&] {
+        keptFrame(4, 400, kFullA);
+        auto sets = mManager->beginSelect();
+        EXPECT_EQ(sets.size(), 3u);
+        for (auto& set : sets) mManager->returnUnselectedSet({set, true});
+        mManager->endSelect();
+    }));
+    printer.letGo("<ReadyList>");
+    dumper.join();
+    auto const lines = printer.lines();
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_EQ(lines[1], "    [R1002 F2]TS:0 #2 left {} {} {}");  // the list as the dump found it
+    EXPECT_EQ(lines[2], "<ReadyList>");
     releaseEverythingAndCheck();
 }
 

@@ -146,6 +146,10 @@ private:
     };
 
     bool configure();
+    // With synchronous results, waits until every active pool holds the heaps its worker is
+    // making: a request that finds a pool still filling may release history sets early, and how
+    // often that happens would depend on the machine rather than on the seed.
+    void settlePoolsIfSynchronous();
     void frame(uint32_t f);
     void dispatch(Batch&& b);
     void processBatch(Batch& b);
@@ -240,14 +244,30 @@ bool Simulation::configure() {
     return err == 0;
 }
 
+void Simulation::settlePoolsIfSynchronous() {
+    if (mOpt.resultThreads != 0) return;
+    host::HeapFactory::waitFor([&](int64_t, int64_t) {
+        for (auto const& img : mImages) {
+            if (!img.active || img.cfg.source != Source::Pool) continue;
+            int max = 0, allocated = 0;
+            mManager->getBufferPoolMaxBufCount(img.cfg.id, max, allocated);
+            if (allocated < max) return false;
+        }
+        return true;
+    });
+}
+
 void Simulation::frame(uint32_t f) {
     // Pool control planned for this frame.
+    bool triggered = false;
     for (auto& img : mImages) {
         if (img.cfg.triggerAtFrame && *img.cfg.triggerAtFrame == f) {
             mManager->triggerBufferPool(img.cfg.id);
             img.active = true;
+            triggered = true;
         }
     }
+    if (triggered) settlePoolsIfSynchronous();
     for (auto const& c : mSc.poolChanges) {
         if (c.atFrame != f) continue;
         int max = c.maxBuffers;
@@ -297,7 +317,7 @@ void Simulation::frame(uint32_t f) {
         auto const ns = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - t0).count();
         mR.latency[img.cfg.source].add(static_cast<uint64_t>(ns));
         st.latency.add(static_cast<uint64_t>(ns));
-        // A pool still filling makes its first requests wait a 10 ms slice: those of its first
+        // A pool still filling makes its first requests wait for its worker: those of its first
         // frames are the warm-up, not a shortage.
         uint32_t const since = img.cfg.triggerAtFrame ? *img.cfg.triggerAtFrame : 0;
         if (ns >= 10'000'000 && f >= since + mR.warmupFrames) ++st.slowWaits;
@@ -583,6 +603,7 @@ bool Simulation::run() {
         mR.leakText = "configuration failed";
         return false;
     }
+    settlePoolsIfSynchronous();
     for (int i = 0; i < mOpt.resultThreads; ++i) {
         mWorkers.push_back(std::make_unique<Worker>());
         auto* w = mWorkers.back().get();
