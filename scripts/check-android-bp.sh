@@ -27,12 +27,12 @@ cd "$stage"
 DEB_HOST_ARCH=arm64 DEB_HOST_MULTIARCH=aarch64-linux-gnu mini-soong '**/Android.bp' soong.mk 2>warnings.txt
 grep -v '^WARNING: genrule not yet supported$' warnings.txt >&2 && { echo "check-android-bp: mini-soong warned" >&2; exit 1; }
 
-# What real Soong does and mini-soong does not: run the genrule (a copy of three headers), give
+# What real Soong does and mini-soong does not: run the genrule (a copy of four headers), give
 # the header library's include folder and the Android libraries' headers, use cpp_std and
 # version_script, keep -Werror. Soong
 # compiles with clang; the arm64 libutils needs the arm64 7z.so that ensure-deps unpacked.
-cp "$root/platform/include/vexlor/LogScheme.h" "$root/platform/include/vexlor/ThreadAnnotations.h" \
-  "$root/platform/include/vexlor/Trace.h" gen/vexlor/
+cp "$root/platform/include/vexlor/Clock.h" "$root/platform/include/vexlor/LogScheme.h" \
+  "$root/platform/include/vexlor/ThreadAnnotations.h" "$root/platform/include/vexlor/Trace.h" gen/vexlor/
 cat > Makefile <<MK
 include soong.mk
 CC = clang --target=aarch64-linux-gnu

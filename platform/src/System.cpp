@@ -83,18 +83,7 @@ namespace {
 std::atomic<int64_t> gWallClockStepNs{0};
 }  // namespace
 
-namespace NSCam::Utils::Clock {
-
-int64_t monotonicNs() { return nowNs(); }
-
-int64_t wallClockNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-               .count() +
-           gWallClockStepNs.load(std::memory_order_relaxed);
-}
-
-}  // namespace NSCam::Utils::Clock
+extern "C" int64_t vexlor_wall_clock_step_ns() { return gWallClockStepNs.load(std::memory_order_relaxed); }
 
 namespace NSCam::Utils::Properties {
 
