@@ -176,7 +176,10 @@ TEST_F(HeapPoolTest, PendingDecreaseIsConsumedByTheFirstNeedReleaseQuestion) {
     EXPECT_EQ(needRelease, 0);
 
     pool->updateMaxBuffer(five);  // 7 made: pending again
-    int32_t nine = 9;             // raising leaves the pending decrease as it is
+    int32_t seven = 7;            // as many as made, or more, leaves it as it is
+    pool->updateMaxBuffer(seven);
+    EXPECT_TRUE(pool->isPoolWaitForRelease());
+    int32_t nine = 9;
     pool->updateMaxBuffer(nine);
     EXPECT_TRUE(pool->isPoolWaitForRelease());
     for (auto& h : all) ASSERT_EQ(pool->releaseToPool("c", std::move(h)), 0);

@@ -247,6 +247,25 @@ TEST_F(ResultsTest, CloneSkipsImagesOfStreamsWithoutAPool) {
               1u);
 }
 
+TEST_F(ResultsTest, SharingSeveralImagesSharesEachInOrder) {
+    auto [e1, a] = request(kPreview, 1);
+    auto [e2, b] = request(kFullA, 1);
+    ASSERT_EQ(e1 | e2, 0);
+    std::vector<SbPtr> out;
+    mManager->addSharedImages({}, out);
+    EXPECT_TRUE(out.empty());
+    mManager->addSharedImages({a, b}, out);
+    ASSERT_EQ(out.size(), 2u);
+    EXPECT_EQ(out[0]->imageBufferHeap(), a->imageBufferHeap());
+    EXPECT_EQ(out[1]->imageBufferHeap(), b->imageBufferHeap());
+    EXPECT_NE(out[0], a);  // new stream buffers; the sources are left as they were
+    for (auto* sb : {&a, &b, &out[0], &out[1]}) (*sb)->releaseToOwner();
+    out.clear();
+    a.reset();
+    b.reset();
+    releaseEverythingAndCheck();
+}
+
 TEST_F(ResultsTest, RecyclableFlagIsAPlaceholder) {
     host::setProperty("vendor.debug.camera.log.pipeline.fbm", 2);
     auto m = makeManager();
