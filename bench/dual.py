@@ -16,12 +16,12 @@ import time
 sim, scenario = sys.argv[1], sys.argv[2]
 frames = int(sys.argv[3]) if len(sys.argv) > 3 else 20000
 rounds = int(sys.argv[4]) if len(sys.argv) > 4 else 5
-spec = json.load(open(scenario))
+plan = json.load(open(scenario))
 alone = []
 tmp = tempfile.mkdtemp()
-for p in spec["pipelines"]:
+for p in plan["pipelines"]:
     path = os.path.join(tmp, p["name"] + ".json")
-    json.dump(dict(p, frames=spec.get("frames", frames)), open(path, "w"))
+    json.dump(dict(p, frames=plan.get("frames", frames)), open(path, "w"))
     alone.append(path)
 
 
