@@ -49,7 +49,7 @@ for _ in range(rounds):
     cpu_both.append(both[1] / (n * frames) * 1e6)
 
 med = statistics.median
-print(f"two cameras ({os.path.basename(scenario)}, {frames} frames each, {rounds} rounds, interleaved):")
+print(f"two cameras ({os.path.basename(scenario)}, {frames} frames each, {rounds} round{'s' if rounds != 1 else ''}, interleaved):")
 print(f"  wall-clock scaling  {med(scaling):.2f}x  ({min(scaling):.2f} to {max(scaling):.2f}; 2.00x is perfect)")
 print(f"  CPU per frame       alone {med(cpu_alone):.1f} us, both at once {med(cpu_both):.1f} us "
       f"({(med(cpu_both) / med(cpu_alone) - 1) * 100:+.0f}%)")
