@@ -1289,14 +1289,16 @@ void FrameBufferManagerImpl::dumpBufferPools(IPrinter& printer) {
     }
 }
 
-// Lines of a dump, made under a lock and printed after it is let go: the printer may be a pipe to
-// a debugging tool, and a slow reader must not hold up the frame path. Each line reaches the
-// printer through the same operation (printLine or printFormatLine) it would have been printed
-// with, so the printer formats and bounds it as it always did.
-class DumpLines {
+namespace {
+
+// A printer that keeps the lines of a dump made under a lock, to print them once it is let go:
+// the real printer may be a pipe to a debugging tool, and a slow reader must not hold up the
+// frame path. Each line reaches the real printer through the operation it was printed with, so
+// that printer formats and bounds it as it always did.
+class DeferredPrinter : public IPrinter {
 public:
-    void line(char const* text) { mLines.push_back({false, text}); }
-    void formatLine(char const* format, ...) __attribute__((format(printf, 2, 3))) {
+    void printLine(char const* line) override { mLines.push_back({false, line ? line : ""}); }
+    void printFormatLine(char const* format, ...) override {
         va_list args;
         va_start(args, format);
         va_list again;
@@ -1308,11 +1310,13 @@ public:
         va_end(again);
         mLines.push_back({true, std::move(text)});
     }
-    void printTo(IPrinter& printer) const {
+    // Prints what was kept to `printer` and forgets it.
+    void flushTo(IPrinter& printer) {
         for (auto const& l : mLines) {
             if (l.formatted) printer.printFormatLine("%s", l.text.c_str());
             else printer.printLine(l.text.c_str());
         }
+        mLines.clear();
     }
 
 private:
@@ -1323,48 +1327,49 @@ private:
     std::vector<Line> mLines;
 };
 
+}  // namespace
+
 void FrameBufferManagerImpl::dumpBufferState(IPrinter& printer) {
-    DumpLines lines;
+    DeferredPrinter lines;
     if (mInFlightLock.try_lock_for(kDumpLockWait)) {
         dumpInFlightListLocked(lines);
         mInFlightLock.unlock();
     } else {
-        lines.line("Timeout waiting for mInFlightLock");
+        lines.printLine("Timeout waiting for mInFlightLock");
     }
-    lines.printTo(printer);
-    DumpLines ready;
+    lines.flushTo(printer);
     if (mReadyLock.try_lock_for(kDumpLockWait)) {
-        dumpReadyListLocked(ready);
+        dumpReadyListLocked(lines);
         mReadyLock.unlock();
     } else {
-        ready.line("Timeout waiting for mReadyLock");
+        lines.printLine("Timeout waiting for mReadyLock");
     }
-    ready.printTo(printer);
+    lines.flushTo(printer);
 }
 
-void FrameBufferManagerImpl::dumpInFlightListLocked(DumpLines& out) {
-    out.line("<InFlightList>");
+void FrameBufferManagerImpl::dumpInFlightListLocked(IPrinter& printer) {
+    printer.printLine("<InFlightList>");
     for (auto const& set : mInFlightList) {
-        out.formatLine("    [R%u F%u]TS:%lu #%zu left {%s} {%s} {%s}", set.requestNo, set.frameNo,
-                       static_cast<unsigned long>(set.timestamp), set.remaining,
-                       toString_BuffersStreamId(set.halImage).c_str(),
-                       toString_BuffersStreamId(set.halMeta).c_str(),
-                       toString_BuffersStreamId(set.appMeta).c_str());
+        printer.printFormatLine("    [R%u F%u]TS:%lu #%zu left {%s} {%s} {%s}", set.requestNo,
+                                set.frameNo, static_cast<unsigned long>(set.timestamp), set.remaining,
+                                toString_BuffersStreamId(set.halImage).c_str(),
+                                toString_BuffersStreamId(set.halMeta).c_str(),
+                                toString_BuffersStreamId(set.appMeta).c_str());
     }
 }
 
-void FrameBufferManagerImpl::dumpReadyListLocked(DumpLines& out) {
-    out.line("<ReadyList>");
+void FrameBufferManagerImpl::dumpReadyListLocked(IPrinter& printer) {
+    printer.printLine("<ReadyList>");
     for (auto const& set : mReadyList) {
-        out.formatLine("    [R%u F%u]TS:%lu {%s} {%s} {%s}", set.requestNo, set.frameNo,
-                       static_cast<unsigned long>(set.timestamp),
-                       toString_BuffersStreamId(set.halImage).c_str(),
-                       toString_BuffersStreamId(set.halMeta).c_str(),
-                       toString_BuffersStreamId(set.appMeta).c_str());
+        printer.printFormatLine("    [R%u F%u]TS:%lu {%s} {%s} {%s}", set.requestNo, set.frameNo,
+                                static_cast<unsigned long>(set.timestamp),
+                                toString_BuffersStreamId(set.halImage).c_str(),
+                                toString_BuffersStreamId(set.halMeta).c_str(),
+                                toString_BuffersStreamId(set.appMeta).c_str());
     }
     std::ostringstream oss;
     for (auto const& [id, n] : mReadyStreamCounters) oss << id << "(" << n << ") ";
-    out.formatLine("mReadyStreamCounters: %s", oss.str().c_str());
+    printer.printFormatLine("mReadyStreamCounters: %s", oss.str().c_str());
 }
 
 // =================================================================================================

@@ -86,8 +86,6 @@ struct Allocator {
     std::shared_ptr<nivo::IImageBufferHeap> operator()() const;
 };
 
-class DumpLines;
-
 // ---- the manager -------------------------------------------------------------------------------
 class FrameBufferManagerImpl : public IFrameBufferManager,
                                public IPipelineFrameStreamBufferProvider,
@@ -212,9 +210,9 @@ protected:
     void increaseReadyCounters(HistoryBufferSet const& set, int delta) REQUIRES(mReadyLock);
     bool pickOneHistoryBufferSetLocked(std::set<StreamId_T> const& poolStreams,
                                        HistoryBufferSet& out) REQUIRES(mReadyLock);
-    // The lists' lines, made under their locks and printed by the caller once they are let go.
-    void dumpInFlightListLocked(DumpLines& out) REQUIRES(mInFlightLock);
-    void dumpReadyListLocked(DumpLines& out) REQUIRES(mReadyLock);
+    // dumpBufferState prints these into a printer that keeps the lines until the lock is let go.
+    void dumpInFlightListLocked(IPrinter& printer) REQUIRES(mInFlightLock);
+    void dumpReadyListLocked(IPrinter& printer) REQUIRES(mReadyLock);
     // The open configuration's printer, or one made for this call when none is open.
     std::shared_ptr<IPrinter> configPrinter() EXCLUDES(mConfigLock);
     std::shared_ptr<IPrinter> makeConfigPrinter();

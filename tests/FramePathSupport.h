@@ -35,12 +35,12 @@ public:
     void answerKeptRequest() {
         std::thread([this] {
             auto heap = nivo::IImageBufferHeapFactory::create("provider", keptRequest.pStreamInfo->streamName(), {}, false);
-            kept(Utils::makeHalImageStreamBuffer({mInfoOfBuffers ? mInfoOfBuffers : keptRequest.pStreamInfo, heap, nullptr, nullptr}));
+            kept(Utils::makeHalImageStreamBuffer({infoOfBuffers ? infoOfBuffers : keptRequest.pStreamInfo, heap, nullptr, nullptr}));
             kept = nullptr;
         }).join();
     }
     bool answerLater = false;
-    std::shared_ptr<IImageStreamInfo> mInfoOfBuffers;  // the info its buffers carry; the request's when empty
+    std::shared_ptr<IImageStreamInfo> infoOfBuffers;  // the info its buffers carry; the request's when empty
     ImageStreamBufferCallback kept;
     Request keptRequest;
 };

@@ -1,9 +1,9 @@
 #include <atomic>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include <vexlor/Clock.h>
-#include <thread>
 
 #include "BufferHeapPool.h"
 #include "TestSupport.h"

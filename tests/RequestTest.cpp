@@ -113,7 +113,7 @@ TEST_F(RequestTest, ErrorsOfEachSource) {
 TEST_F(RequestTest, AProviderMayAnswerAfterTheRequestReturned) {
     configure();
     mHalProvider->answerLater = true;
-    mHalProvider->mInfoOfBuffers = mInfos[kHalProv];
+    mHalProvider->infoOfBuffers = mInfos[kHalProv];
     auto requestInfo = imageInfo({.id = kHalProv, .name = "halProv"});  // same layout, new object
     std::promise<SbPtr> answered;
     {

@@ -4,10 +4,10 @@
 // marked GUARDED_BY is only touched with its lock held and that `_l`/`Locked` functions are only
 // called with theirs. With GCC the macros expand to nothing and the wrappers cost nothing.
 #include <algorithm>
-#include <chrono>
-#include <limits>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
+#include <limits>
 #include <mutex>
 
 #if defined(__clang__)
@@ -97,9 +97,7 @@ inline void preSignal(void*) {}
 inline void postSignal(void*) {}
 #endif
 }  // namespace tsan
-}  // namespace detail
 
-namespace detail {
 // A duration in nanoseconds, 0 for a negative one and saturated at the largest count: a caller's
 // "forever" (hours::max()) must wait, not overflow into no time at all.
 template <class Rep, class Period>
