@@ -33,14 +33,17 @@ protected:
             return allocated == n && alive == n;
         });
     }
-    // A number of the pool's dump line, such as available(#N) or future(#N).
+    // A number of the pool's dump line, such as available(#N) or future(#N). The worker may
+    // still be logging its own lines, so the dump line is looked for, not taken as the last.
     static int dumpedCount(BufferHeapPool& pool, std::string const& field) {
         host::LogCapture::clear();
         pool.dumpPool();
-        auto lines = host::LogCapture::androidLines();
-        if (lines.empty()) return -1;
-        auto const at = lines.back().text.find(field + "(#");
-        return at == std::string::npos ? -1 : std::atoi(lines.back().text.c_str() + at + field.size() + 2);
+        for (auto const& line : host::LogCapture::androidLines()) {
+            if (line.text.find("] Pool(") == std::string::npos) continue;
+            auto const at = line.text.find(field + "(#");
+            if (at != std::string::npos) return std::atoi(line.text.c_str() + at + field.size() + 2);
+        }
+        return -1;
     }
     static int availableCount(BufferHeapPool& pool) { return dumpedCount(pool, "available"); }
     static int futureCount(BufferHeapPool& pool) { return dumpedCount(pool, "future"); }
