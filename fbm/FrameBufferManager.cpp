@@ -27,6 +27,7 @@ constexpr uint32_t kDefaultUsage = 0x08C20000;
 constexpr size_t kReleaseToWorkerThreshold = 4;
 constexpr auto kSelectLockWait = std::chrono::milliseconds(10);
 constexpr auto kDumpLockWait = std::chrono::milliseconds(500);
+constexpr size_t kSpareSets = 32;  // emptied sets kept per list, for the next frames
 
 // What a provider answered, shared by the requesting frame and the callable the provider keeps.
 struct ProviderAnswer {
@@ -384,22 +385,30 @@ FrameBufferManagerImpl::queryConfigImageStream(StreamId_T streamId) const {
     return nullptr;
 }
 
-std::set<StreamId_T> FrameBufferManagerImpl::getPoolStreams(StreamId_T streamId) const {
-    if (auto groups = mSharedStreamGroups) {
-        for (auto const& group : *groups) {
-            if (group.count(streamId) != 0) return group;
+FrameBufferManagerImpl::PoolStreams::PoolStreams(
+    std::shared_ptr<std::vector<std::set<StreamId_T>>> groups, StreamId_T streamId)
+    : mGroups(std::move(groups)), mSingle(streamId) {
+    if (!mGroups) return;
+    for (auto const& group : *mGroups) {
+        if (group.count(streamId) != 0) {
+            mGroup = &group;  // the first group wins
+            return;
         }
     }
-    return {streamId};
+}
+
+FrameBufferManagerImpl::PoolStreams FrameBufferManagerImpl::poolStreamsOf(StreamId_T streamId) const {
+    return PoolStreams(mSharedStreamGroups, streamId);
+}
+
+std::set<StreamId_T> FrameBufferManagerImpl::getPoolStreams(StreamId_T streamId) const {
+    std::set<StreamId_T> out;
+    poolStreamsOf(streamId).forEach([&out](StreamId_T id) { out.insert(id); });
+    return out;
 }
 
 StreamId_T FrameBufferManagerImpl::poolKeyOf(StreamId_T streamId) const {
-    if (auto const& groups = mSharedStreamGroups) {
-        for (auto const& group : *groups) {
-            if (group.count(streamId) != 0) return *group.begin();
-        }
-    }
-    return streamId;
+    return poolStreamsOf(streamId).first();
 }
 
 // =================================================================================================
@@ -798,16 +807,22 @@ int FrameBufferManagerImpl::trackFrameResult(TrackFrameResult const& track) {
         return 0;
     }
     {
-        InFlightBufferSet set;
+        LockGuard<TimedMutex> lk(mInFlightLock);
+        if (mSpareInFlight.empty()) {
+            mInFlightList.emplace_back();
+        } else {
+            mInFlightList.splice(mInFlightList.end(), mSpareInFlight, mSpareInFlight.begin());
+        }
+        InFlightBufferSet& set = mInFlightList.back();
         set.frameNo = track.frameNo;
         set.requestNo = track.requestNo;
+        set.timestamp = 0;
+        // A spare set's vectors usually hold enough already.
         set.halImage.reserve(params->halImage.size());
         set.halMeta.reserve(params->halMeta.size());
         set.appMeta.reserve(params->appMeta.size());
         set.trackParams = params;
         set.remaining = params->halImage.size() + params->halMeta.size() + params->appMeta.size();
-        LockGuard<TimedMutex> lk(mInFlightLock);
-        mInFlightList.push_back(std::move(set));
     }
     MY_LOGD_IF(mLogLevel >= 2, "[R%u F%u] track:%s", track.requestNo, track.frameNo,
                toString(*params).c_str());
@@ -830,7 +845,7 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
     };
 
     bool complete = false;
-    InFlightBufferSet done;
+    std::list<InFlightBufferSet> doneNode;  // the completed set, taken out of the list whole
     {
         LockGuard<TimedMutex> lk(mInFlightLock);
         auto it = std::find_if(mInFlightList.begin(), mInFlightList.end(),
@@ -882,8 +897,7 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
             }
             if (complete) {
                 MY_LOGD_IF(mLogLevel >= 3, "erase frameNo=%d from mInFlightList", result.frameNo);
-                done = std::move(set);
-                mInFlightList.erase(it);
+                doneNode.splice(doneNode.end(), mInFlightList, it);
             }
         }
     }
@@ -907,35 +921,71 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
     }
 
     if (complete) {
+        InFlightBufferSet& done = doneNode.front();
         if (done.timestamp == 0) {
             if (line) *line += " => release bufferSet (TS: " + std::to_string(done.timestamp) + ")";
             // Tied to the flag being false: a frame without timestamp is released either way.
             if (!done.trackParams->isRecyclable) MY_LOGE("release un-recyclable frame! (due to error)");
             releaseOneBufferSet(done);
         } else {
-            HistoryBufferSet hbs;
-            hbs.frameNo = done.frameNo;
-            hbs.requestNo = done.requestNo;
-            hbs.timestamp = done.timestamp;
-            hbs.isRecyclable = done.trackParams->isRecyclable;
-            hbs.halImage = std::move(done.halImage);
-            hbs.halMeta = std::move(done.halMeta);
-            hbs.appMeta = std::move(done.appMeta);
             LockGuard<TimedMutex> lk(mReadyLock);
             // From the back: behind the first older set, so a new set goes in front of sets with
             // an equal timestamp.
             auto pos = mReadyList.end();
             while (pos != mReadyList.begin()) {
                 auto prev = std::prev(pos);
-                if (prev->timestamp < hbs.timestamp) break;
+                if (prev->timestamp < done.timestamp) break;
                 pos = prev;
             }
-            auto inserted = mReadyList.insert(pos, std::move(hbs));
-            increaseReadyCounters(*inserted, 1);
+            std::list<HistoryBufferSet>::iterator hbs;
+            if (mSpareReady.empty()) {
+                hbs = mReadyList.emplace(pos);
+            } else {
+                hbs = mSpareReady.begin();
+                mReadyList.splice(pos, mSpareReady, hbs);
+            }
+            hbs->frameNo = done.frameNo;
+            hbs->requestNo = done.requestNo;
+            hbs->timestamp = done.timestamp;
+            hbs->isRecyclable = done.trackParams->isRecyclable;
+            // The buffers move; the emptied vectors of the spare set go back with the frame's.
+            hbs->halImage.swap(done.halImage);
+            hbs->halMeta.swap(done.halMeta);
+            hbs->appMeta.swap(done.appMeta);
+            increaseReadyCounters(*hbs, 1);
             if (line) *line += " => move to ReadyList";
         }
+        recycleInFlightSets(doneNode);
     }
     if (line) MY_LOGD("%s", line->c_str());
+}
+
+void FrameBufferManagerImpl::recycleInFlightSets(std::list<InFlightBufferSet>& sets) {
+    for (auto& set : sets) {
+        set.halImage.clear();  // released or moved on: only empty handles are left
+        set.halMeta.clear();
+        set.appMeta.clear();
+        set.trackParams.reset();
+    }
+    LockGuard<TimedMutex> lk(mInFlightLock);
+    while (!sets.empty() && mSpareInFlight.size() < kSpareSets) {
+        mSpareInFlight.splice(mSpareInFlight.end(), sets, sets.begin());
+    }
+}
+
+void FrameBufferManagerImpl::recycleReadySets(std::list<HistoryBufferSet>& sets) {
+    for (auto& set : sets) {
+        set.halImage.clear();
+        set.halMeta.clear();
+        set.appMeta.clear();
+    }
+    {
+        LockGuard<TimedMutex> lk(mReadyLock);
+        while (!sets.empty() && mSpareReady.size() < kSpareSets) {
+            mSpareReady.splice(mSpareReady.end(), sets, sets.begin());
+        }
+    }
+    sets.clear();  // beyond the bound
 }
 
 void FrameBufferManagerImpl::increaseReadyCounters(HistoryBufferSet const& set, int delta) {
@@ -1050,7 +1100,13 @@ void FrameBufferManagerImpl::returnUnselectedSet(ReturnUnselectedSet&& ret) {
     // (the opposite tie-break of returnResult, deliberately).
     auto pos = std::find_if(mReadyList.begin(), mReadyList.end(),
                             [&](HistoryBufferSet const& s) { return s.timestamp > set.timestamp; });
-    mReadyList.insert(pos, std::move(set));
+    if (mSpareReady.empty()) {
+        mReadyList.insert(pos, std::move(set));
+    } else {
+        auto node = mSpareReady.begin();
+        mReadyList.splice(pos, mSpareReady, node);
+        *node = std::move(set);
+    }
 }
 
 IHistoryBufferProvider::HistoryBufferSet FrameBufferManagerImpl::cloneHBS(HistoryBufferSet const& source) {
@@ -1097,19 +1153,18 @@ std::map<uint32_t, uint32_t> FrameBufferManagerImpl::peekInflightsReqNo() const 
 // Release
 // =================================================================================================
 
-bool FrameBufferManagerImpl::pickOneHistoryBufferSetLocked(std::set<StreamId_T> const& poolStreams,
-                                                           HistoryBufferSet& out) {
+bool FrameBufferManagerImpl::pickOneHistoryBufferSetLocked(PoolStreams const& poolStreams,
+                                                           std::list<HistoryBufferSet>& out) {
     for (auto it = mReadyList.begin(); it != mReadyList.end(); ++it) {
         if (!it->isRecyclable) continue;
         bool const holdsPoolImage =
             std::any_of(it->halImage.begin(), it->halImage.end(), [&](auto const& image) {
                 auto info = image ? image->streamInfoOf() : nullptr;
-                return info && poolStreams.count(info->streamId()) != 0;
+                return info && poolStreams.contains(info->streamId());
             });
         if (!holdsPoolImage) continue;
         increaseReadyCounters(*it, -1);
-        out = std::move(*it);
-        mReadyList.erase(it);
+        out.splice(out.end(), mReadyList, it);
         return true;
     }
     return false;
@@ -1123,7 +1178,7 @@ void FrameBufferManagerImpl::tryReleaseHistoryBufferSets(int64_t streamId, int c
     }
     MY_LOGD_IF(mLogLevel >= 2, "stream(%#lx), try release count(%d) +", static_cast<long>(streamId),
                count);
-    std::set<StreamId_T> const poolStreams = getPoolStreams(streamId);
+    PoolStreams const poolStreams = poolStreamsOf(streamId);
 
     // Bounded, so that a long selection cannot stall a starving request; the release then goes
     // ahead on what is left on the ready list. Held, when taken, until the sets are released.
@@ -1140,39 +1195,38 @@ void FrameBufferManagerImpl::tryReleaseHistoryBufferSets(int64_t streamId, int c
                    static_cast<long>(streamId), mReadyList.size());
     };
 
+    std::list<HistoryBufferSet> sets;
     if (count == 1) {
-        HistoryBufferSet set;
         bool picked;
         {
             LockGuard<TimedMutex> lk(mReadyLock);
-            picked = pickOneHistoryBufferSetLocked(poolStreams, set);
+            picked = pickOneHistoryBufferSetLocked(poolStreams, sets);
             if (!picked) warnNoSet();
         }
         if (picked) {
-            releaseOneBufferSet(set);
+            releaseOneBufferSet(sets.front());
+            recycleReadySets(sets);
             return;
         }
     } else {
-        std::list<HistoryBufferSet> sets;
         {
             LockGuard<TimedMutex> lk(mReadyLock);
             int left = count;
             do {
-                HistoryBufferSet set;
-                if (!pickOneHistoryBufferSetLocked(poolStreams, set)) {
+                if (!pickOneHistoryBufferSetLocked(poolStreams, sets)) {
                     warnNoSet();
                     break;
                 }
                 if (poolStreams.size() >= 2) {
+                    auto const& set = sets.back();
                     left -= static_cast<int>(
                         std::count_if(set.halImage.begin(), set.halImage.end(), [&](auto const& image) {
                             auto info = image ? image->streamInfoOf() : nullptr;
-                            return info && poolStreams.count(info->streamId()) != 0;
+                            return info && poolStreams.contains(info->streamId());
                         }));
                 } else {
                     left -= 1;
                 }
-                sets.push_back(std::move(set));
             } while (left >= 1);
         }
         MY_LOGD("stream(%#lx), release bufferHeap count(%d), release bufferSet count(%zu)",
@@ -1182,7 +1236,7 @@ void FrameBufferManagerImpl::tryReleaseHistoryBufferSets(int64_t streamId, int c
         // larger batch of exactly `count` sets returns early. Kept as it is, as is the comparison
         // of a number of sets with a number of heaps.
         size_t const released = sets.size();
-        sets.clear();
+        recycleReadySets(sets);
         if (released == static_cast<size_t>(count)) return;
     }
 
@@ -1191,7 +1245,7 @@ void FrameBufferManagerImpl::tryReleaseHistoryBufferSets(int64_t streamId, int c
         if (NSCam::Utils::ULog::ulogDebugOn()) {
             std::ostringstream ids;
             ids << std::hex;
-            for (auto id : poolStreams) ids << id << " ";
+            poolStreams.forEach([&ids](StreamId_T id) { ids << id << " "; });
             MY_LOGD("stream(%#lx): no {%s} in ReadyList", static_cast<long>(streamId),
                     ids.str().c_str());
         }
@@ -1214,10 +1268,12 @@ void FrameBufferManagerImpl::releaseBufferSets(std::list<HistoryBufferSet>& sets
         }
         return;
     }
+    std::list<HistoryBufferSet> released;
     while (!sets.empty()) {
         releaseOneBufferSet(sets.front());
-        sets.pop_front();
+        released.splice(released.end(), sets, sets.begin());
     }
+    recycleReadySets(released);
 }
 
 // =================================================================================================

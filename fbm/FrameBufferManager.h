@@ -169,6 +169,26 @@ public:
     std::string debuggeeName() const override;
     void debug(IPrinter* printer, std::vector<std::string> const& options) override;
 
+    // The streams of one pool: its sharing group, or the stream alone. A view of the configured
+    // groups (it keeps them alive), so that asking for it allocates nothing.
+    class PoolStreams {
+    public:
+        PoolStreams(std::shared_ptr<std::vector<std::set<StreamId_T>>> groups, StreamId_T streamId);
+        bool contains(StreamId_T id) const { return mGroup ? mGroup->count(id) != 0 : id == mSingle; }
+        size_t size() const { return mGroup ? mGroup->size() : 1; }
+        StreamId_T first() const { return mGroup ? *mGroup->begin() : mSingle; }
+        template <class F>
+        void forEach(F&& f) const {
+            if (!mGroup) return f(mSingle);
+            for (StreamId_T id : *mGroup) f(id);
+        }
+
+    private:
+        std::shared_ptr<std::vector<std::set<StreamId_T>>> mGroups;
+        std::set<StreamId_T> const* mGroup = nullptr;  // in *mGroups; null: the stream alone
+        StreamId_T mSingle;
+    };
+
     // Configuration
     std::shared_ptr<ConfigImageStream> queryConfigImageStream(StreamId_T streamId) const
         EXCLUDES(mConfigLock);
@@ -177,6 +197,7 @@ public:
     // The first of getPoolStreams(streamId), without making the set: the key of the ready
     // counters, looked up for every kept image.
     StreamId_T poolKeyOf(StreamId_T streamId) const;
+    PoolStreams poolStreamsOf(StreamId_T streamId) const;
     int configureImageStreams(std::vector<AddImageStream> const& streams,
                               std::vector<std::set<StreamId_T>> const* sharedGroups);
     int addImageStreams(AddImageStreams const& group);
@@ -208,8 +229,13 @@ public:
 
 protected:
     void increaseReadyCounters(HistoryBufferSet const& set, int delta) REQUIRES(mReadyLock);
-    bool pickOneHistoryBufferSetLocked(std::set<StreamId_T> const& poolStreams,
-                                       HistoryBufferSet& out) REQUIRES(mReadyLock);
+    // Moves the oldest recyclable set holding an image of the pool to the back of `out` (the
+    // node itself: nothing is allocated). False when there is none.
+    bool pickOneHistoryBufferSetLocked(PoolStreams const& poolStreams,
+                                       std::list<HistoryBufferSet>& out) REQUIRES(mReadyLock);
+    // Keeps the nodes of sets whose buffers were all let go, for the next frames (emptied here).
+    void recycleInFlightSets(std::list<InFlightBufferSet>& sets) EXCLUDES(mInFlightLock);
+    void recycleReadySets(std::list<HistoryBufferSet>& sets) EXCLUDES(mReadyLock);
     // dumpBufferState prints these into a printer that keeps the lines until the lock is let go.
     void dumpInFlightListLocked(IPrinter& printer) REQUIRES(mInFlightLock);
     void dumpReadyListLocked(IPrinter& printer) REQUIRES(mReadyLock);
@@ -249,6 +275,11 @@ protected:
     TimedMutex mInSelectLock;
     // The own info of every stream a pool was attempted for; grows with every configuration.
     std::vector<std::shared_ptr<IImageStreamInfo>> mPoolStreamInfos GUARDED_BY(mConfigLock);
+    // Sets done with, kept as list nodes whose vectors keep their capacity: a steady frame flow
+    // then makes no node and no vector for tracking, keeping or releasing a frame. Each holds
+    // no buffer and at most kSpareSets nodes.
+    std::list<InFlightBufferSet> mSpareInFlight GUARDED_BY(mInFlightLock);
+    std::list<HistoryBufferSet> mSpareReady GUARDED_BY(mReadyLock);
 };
 
 }  // namespace NSCam::v3::pipeline

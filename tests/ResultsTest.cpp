@@ -115,6 +115,43 @@ TEST_F(ResultsTest, ReadyListIsInTimestampOrderNewSetsBeforeEqualOnes) {
     releaseEverythingAndCheck();
 }
 
+// The manager reuses what it built for earlier frames: nothing of one frame shows in a later one,
+// whether the earlier one was released for lack of a timestamp, selected, or fed to a pool.
+TEST_F(ResultsTest, AFrameStartsCleanWhateverCameBeforeIt) {
+    for (uint32_t f = 1; f <= 80; ++f) {  // more frames than sets are kept for reuse
+        bool const recyclable = f % 5 != 0;
+        bool const timestamped = f % 3 != 0;
+        track(f, {kPreview}, {kHalMeta}, {}, recyclable);
+        auto [err, sb] = request(kPreview, f);
+        ASSERT_EQ(err, 0);
+        Result r;
+        r.timestamp = timestamped ? 100 + f : 0;
+        r.images = {sb};
+        r.halMeta = {makeMeta(mHalMetaInfo, f)};
+        returnResult(f, r);
+        sb->releaseToOwner();
+        sb.reset();
+
+        auto sets = mManager->beginSelect();
+        ASSERT_EQ(sets.size(), timestamped ? 1u : 0u) << "frame " << f;
+        for (auto& set : sets) {
+            EXPECT_EQ(set.frameNo, f);
+            EXPECT_EQ(set.timestamp, 100 + f);
+            EXPECT_EQ(set.isRecyclable, recyclable);
+            EXPECT_EQ(set.halImage.size(), 1u);
+            ASSERT_EQ(set.halMeta.size(), 1u);
+            EXPECT_EQ(metaValue(set.halMeta[0]), f);
+            EXPECT_TRUE(set.appMeta.empty());
+            // Every other one goes back to the ready list, to be fed to the pool below.
+            mManager->returnUnselectedSet({set, recyclable && f % 2 == 0});
+        }
+        mManager->endSelect();
+        if (!mManager->readyFrames().empty()) mManager->tryReleaseHistoryBufferSets(kPreview, 1, false);
+        EXPECT_TRUE(mManager->readyFrames().empty());
+    }
+    releaseEverythingAndCheck();
+}
+
 TEST_F(ResultsTest, DestroyedFrames) {
     host::setULogSwitches(2, 0, 1);
     // Destroyed with a buffer outstanding: released, never ready.
