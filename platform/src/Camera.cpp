@@ -363,8 +363,7 @@ private:
 class HostMetaStreamBuffer : public IMetaStreamBuffer {
 public:
     HostMetaStreamBuffer(std::shared_ptr<IMetaStreamInfo const> info, NSCam::IMetadata const& meta)
-        : mInfo(std::move(info)), mMeta(meta),
-          mName(std::string(mInfo ? mInfo->streamName() : "") + "#" + std::to_string(++gBufferSeq)) {
+        : mInfo(std::move(info)), mMeta(meta), mSeq(++gBufferSeq) {
         ++gMetaAlive;
     }
     ~HostMetaStreamBuffer() override {
@@ -373,11 +372,18 @@ public:
             std::lock_guard<std::mutex> lk(gMetaHookLock);
             hook = gMetaDestroyHook;
         }
-        if (hook) hook(mName.c_str());
+        if (hook) hook(bufferName());
         --gMetaAlive;
     }
     std::shared_ptr<IMetaStreamInfo const> streamInfoOf() const override { return mInfo; }
-    char const* bufferName() const override { return mName.c_str(); }
+    // Made when first asked for, as a real buffer's name costs nothing to a caller that never
+    // asks (the allocation counts of the benchmarks stay the manager's).
+    char const* bufferName() const override {
+        std::call_once(mNameOnce, [this] {
+            mName = std::string(mInfo ? mInfo->streamName() : "") + "#" + std::to_string(mSeq);
+        });
+        return mName.c_str();
+    }
     uint32_t statusOf() const override { return 0; }
     NSCam::IMetadata* tryReadLockMeta(char const*) override {
         if (takeFailure(gFailMetaLock)) return nullptr;
@@ -401,7 +407,9 @@ public:
 private:
     std::shared_ptr<IMetaStreamInfo const> mInfo;
     NSCam::IMetadata mMeta;
-    std::string mName;
+    uint64_t const mSeq;
+    mutable std::once_flag mNameOnce;
+    mutable std::string mName;
     std::shared_mutex mRw;
     bool mWriteLocked = false;  // written only while holding mRw exclusively
 };
