@@ -55,6 +55,8 @@ char const* const kDefaultScenario = R"json({
 }
 )json";
 
+std::set<std::string> const& keysOf(char const* place) { return scenarioKeys().at(place); }
+
 [[noreturn]] void fail(std::string const& where, std::string const& what) {
     throw ScenarioError(where + ": " + what);
 }
@@ -171,9 +173,7 @@ json parseJson(std::string const& text) {
 }
 
 Scenario parseObject(json const& j, std::string const& root) {
-    checkKeys(j, root, {"name", "frames", "fps", "inFlightDepth", "resultBatches", "destroyEvery",
-                        "noTimestampEvery", "recyclable", "images", "metas", "sharedGroups",
-                        "selector", "poolChanges", "properties"});
+    checkKeys(j, root, keysOf("scenario"));
     Scenario s;
     constexpr int64_t kEvery = 1000000;  // "one in N" and "every N" knobs
     s.name = text(j, "name", root, s.name);
@@ -197,8 +197,7 @@ Scenario parseObject(json const& j, std::string const& root) {
     for (size_t i = 0; i < images->size(); ++i) {
         json const& e = (*images)[i];
         std::string const where = root + ".images[" + std::to_string(i) + "]";
-        checkKeys(e, where, {"name", "id", "source", "blob", "width", "height", "maxBuffers",
-                             "minBuffers", "keep", "triggerAtFrame"});
+        checkKeys(e, where, keysOf("images[]"));
         ImageStreamCfg c;
         if (!e.contains("name") || !e.contains("id")) fail(where, "needs a name and an id");
         c.name = text(e, "name", where, "");
@@ -228,7 +227,7 @@ Scenario parseObject(json const& j, std::string const& root) {
         for (size_t i = 0; i < metas->size(); ++i) {
             json const& e = (*metas)[i];
             std::string const where = root + ".metas[" + std::to_string(i) + "]";
-            checkKeys(e, where, {"name", "id", "app", "keep"});
+            checkKeys(e, where, keysOf("metas[]"));
             if (!e.contains("name") || !e.contains("id")) fail(where, "needs a name and an id");
             MetaStreamCfg c;
             c.name = text(e, "name", where, "");
@@ -282,7 +281,7 @@ Scenario parseObject(json const& j, std::string const& root) {
     }
     if (auto sel = j.find("selector"); sel != j.end()) {
         std::string const where = root + ".selector";
-        checkKeys(*sel, where, {"everyFrames", "keepNewest", "holdSelections", "returnKept", "cloneEvery"});
+        checkKeys(*sel, where, keysOf("selector"));
         auto& c = s.selector;
         c.everyFrames = static_cast<uint32_t>(integer(*sel, "everyFrames", where, c.everyFrames, 1, kEvery));
         c.keepNewest = static_cast<uint32_t>(integer(*sel, "keepNewest", where, c.keepNewest, 0, kMaxBuffers));
@@ -303,7 +302,7 @@ Scenario parseObject(json const& j, std::string const& root) {
         for (size_t i = 0; i < changes->size(); ++i) {
             json const& e = (*changes)[i];
             std::string const where = root + ".poolChanges[" + std::to_string(i) + "]";
-            checkKeys(e, where, {"stream", "atFrame", "maxBuffers"});
+            checkKeys(e, where, keysOf("poolChanges[]"));
             PoolChange c;
             if (!e.contains("stream")) fail(where, "needs a stream");
             c.stream = idOf(e["stream"], where + ".stream");
@@ -326,13 +325,28 @@ Scenario parseObject(json const& j, std::string const& root) {
 
 }  // namespace
 
+std::map<std::string, std::set<std::string>> const& scenarioKeys() {
+    static std::map<std::string, std::set<std::string>> const keys{
+        {"scenario", {"name", "frames", "fps", "inFlightDepth", "resultBatches", "destroyEvery",
+                      "noTimestampEvery", "recyclable", "images", "metas", "sharedGroups", "selector",
+                      "poolChanges", "properties"}},
+        {"images[]", {"name", "id", "source", "blob", "width", "height", "maxBuffers", "minBuffers",
+                      "keep", "triggerAtFrame"}},
+        {"metas[]", {"name", "id", "app", "keep"}},
+        {"selector", {"everyFrames", "keepNewest", "holdSelections", "returnKept", "cloneEvery"}},
+        {"poolChanges[]", {"stream", "atFrame", "maxBuffers"}},
+        {"pipelines file", {"name", "frames", "pipelines"}},
+    };
+    return keys;
+}
+
 Scenario parseScenario(std::string const& jsonText) { return parseObject(parseJson(jsonText), "scenario"); }
 
 std::vector<Scenario> parseScenarios(std::string const& jsonText) {
     json const j = parseJson(jsonText);
     if (!j.is_object() || !j.contains("pipelines")) return {parseObject(j, "scenario")};
     std::string const root = "scenario";
-    checkKeys(j, root, {"name", "frames", "pipelines"});
+    checkKeys(j, root, keysOf("pipelines file"));
     auto const& list = j["pipelines"];
     if (!list.is_array() || list.empty() || list.size() > 8) {
         fail(root + ".pipelines", "must be an array of 1 to 8 pipelines");

@@ -1,7 +1,9 @@
 #pragma once
 // A camera configuration and run plan for the pipeline simulator, read from JSON.
 #include <cstdint>
+#include <map>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -20,6 +22,11 @@ constexpr int64_t kMaxBufferBytes = int64_t{1} << 30;  // width x height of one 
 constexpr double kMinFps = 0.1;
 constexpr double kMaxFps = 1000;
 
+// The keys of each object of a scenario file, by the object's place ("scenario", "images[]",
+// "metas[]", "selector", "poolChanges[]", and "pipelines file" for a file of several pipelines).
+// Any other key is refused. docs/simulator.md describes each one; a test holds the two together.
+std::map<std::string, std::set<std::string>> const& scenarioKeys();
+
 enum class Source { Pool, Runtime, HalProvider, AppProvider };
 char const* sourceName(Source s);
 
@@ -37,6 +44,7 @@ struct ImageStreamCfg {
     size_t minBuffers = 1;
     bool keep = false;                         // tracked: the frame keeps its buffer
     std::optional<uint32_t> triggerAtFrame;    // a deferred pool, allocated at that frame
+    bool operator==(ImageStreamCfg const&) const = default;
 };
 
 struct MetaStreamCfg {
@@ -44,6 +52,7 @@ struct MetaStreamCfg {
     int64_t id = 0;
     bool app = false;
     bool keep = true;
+    bool operator==(MetaStreamCfg const&) const = default;
 };
 
 struct SelectorCfg {
@@ -52,12 +61,14 @@ struct SelectorCfg {
     uint32_t holdSelections = 2;  // processing lasts this many selections
     double returnKept = 0.5;      // of the rest: probability of giving a set back kept
     uint32_t cloneEvery = 4;      // one clone every this many selections (0: never)
+    bool operator==(SelectorCfg const&) const = default;
 };
 
 struct PoolChange {
     int64_t stream = 0;
     uint32_t atFrame = 0;
     int maxBuffers = 0;
+    bool operator==(PoolChange const&) const = default;
 };
 
 struct Scenario {
@@ -78,6 +89,7 @@ struct Scenario {
     // Sharing groups the library will refuse in part (an unknown, non-pool or metadata stream, a
     // stream in two groups, members of different sizes), each with its place in the file.
     std::vector<std::string> groupProblems;
+    bool operator==(Scenario const&) const = default;
 };
 
 // A scenario file that cannot be used; the message names the problem and where it is.
