@@ -62,7 +62,8 @@ int main() {
         results->returnResult({frame, frame, 0, false, nullptr, nullptr, &metas, nullptr});
     }
 
-    // 5. A selector: the whole ready list, oldest first; keep the newest, release the others.
+    // 5. A selector: the whole ready list, oldest first. The newest goes back to the ready list,
+    //    the others are released.
     auto sets = fbm->beginSelect();
     size_t const ready = sets.size();
     for (auto& set : sets) fbm->returnUnselectedSet({set, &set == &sets.back()});

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs when they are missing (as root, through apt-get).
-# Usage: scripts/ensure-deps.sh [build] [sim] [bench] [fuzz] [arm64] [soong]   (default: build)
+# Usage: scripts/ensure-deps.sh [build] [sim] [docs] [bench] [fuzz] [arm64] [soong]   (default: build)
 set -euo pipefail
 
 groups=("$@")
@@ -13,6 +13,7 @@ for g in "${groups[@]}"; do
     build) pkgs+=(cmake ninja-build g++ libgtest-dev libgmock-dev clang
                   android-liblog-dev android-libcutils-dev android-libutils-dev) ;;
     sim)   pkgs+=(nlohmann-json3-dev libcli11-dev gnuplot-nox) ;;
+    docs)  pkgs+=(doxygen) ;;
     bench) pkgs+=(libbenchmark-dev libgstreamer1.0-dev pkg-config) ;;
     fuzz)  pkgs+=(clang libclang-rt-14-dev) ;;
     # The cross compiler, the user-mode emulator, and GoogleTest's sources to build for the target.

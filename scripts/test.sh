@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The whole test suite from a fresh clone: installs what is missing, then builds and runs
-#   1. the default build's tests,
+#   1. the default build's tests (the integration example and the API reference among them),
 #   2. an install of the library and a consumer project built against it,
 #   3. the thread-safety analysis build (clang),
 #   4. the tests under address+undefined and under thread sanitizers, with the unload, metadata
@@ -15,7 +15,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
 
-scripts/ensure-deps.sh build sim fuzz arm64 soong
+scripts/ensure-deps.sh build sim docs fuzz arm64 soong
 
 step() { printf '\n==== %s ====\n' "$*"; }
 
