@@ -1,20 +1,11 @@
 // Heaps of the host platform have the size of what they hold, counted per heap name, so a pipeline
 // can say what memory its pools pin.
-#include <cstdio>
-#include <unistd.h>
-
 #include "TestSupport.h"
 
 namespace fbmtest {
 namespace {
 
-class HeapMemoryTest : public PlatformTest {
-protected:
-    void TearDown() override {
-        host::HeapFactory::setRealMemory(false);
-        PlatformTest::TearDown();
-    }
-};
+class HeapMemoryTest : public PlatformTest {};
 
 std::shared_ptr<IImageStreamInfo> threePlanes(StreamId_T id, char const* name) {
     Utils::ImageStreamInfoParams p;
@@ -62,35 +53,6 @@ TEST_F(HeapMemoryTest, PoolHeapsHaveTheSizeOfTheirPlanesOrBlob) {
     host::HeapFactory::resetPeaks();
     EXPECT_TRUE(host::HeapFactory::memory().empty());
     EXPECT_EQ(host::HeapFactory::totalMemory().peakBytes, 0);
-}
-
-long residentPages() {
-    long size = 0, resident = 0;
-    FILE* f = std::fopen("/proc/self/statm", "r");
-    if (f == nullptr) return -1;
-    if (std::fscanf(f, "%ld %ld", &size, &resident) != 2) resident = -1;
-    std::fclose(f);
-    return resident;
-}
-
-TEST_F(HeapMemoryTest, RealMemoryHeapsAreResidentFromCreation) {
-    nivo::IImageBufferAllocator::ImgParam p;
-    p.imgFormat = kBlobFormat;
-    p.imgSize = {32 << 20, 1};
-    ASSERT_EQ(host::HeapFactory::sizeOf(p), 32 << 20);
-    long const pages = (32L << 20) / sysconf(_SC_PAGESIZE);
-
-    long const before = residentPages();
-    auto lazy = nivo::IImageBufferHeapFactory::create("test", "lazy", p, false);
-    EXPECT_LT(residentPages() - before, pages / 2);  // a count, not memory
-
-    host::HeapFactory::setRealMemory(true);
-    long const beforeReal = residentPages();
-    auto real = nivo::IImageBufferHeapFactory::create("test", "real", p, false);
-    ASSERT_NE(real, nullptr);
-    EXPECT_GE(residentPages() - beforeReal, pages);
-    real.reset();
-    EXPECT_LT(residentPages() - beforeReal, pages / 2);  // unmapped with the heap
 }
 
 }  // namespace
