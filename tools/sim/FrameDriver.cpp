@@ -116,12 +116,14 @@ void Simulation::frame(uint32_t f) {
             triggered = true;
         }
     }
-    if (triggered) settlePoolsIfSynchronous();
+    bool changed = false;
     for (auto const& c : mSc.poolChanges) {
         if (c.atFrame != f) continue;
         int max = c.maxBuffers;
         mManager->updateBufferPoolMaxBufCount(c.stream, max);
+        changed = true;
     }
+    if (triggered || changed) settlePoolsIfSynchronous();
     {
         std::unique_lock<std::mutex> lk(mFlightLock);
         mFlightCond.wait(lk, [&] { return mInFlight < mSc.inFlightDepth; });

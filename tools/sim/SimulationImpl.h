@@ -108,8 +108,9 @@ private:
 
     bool configure();
     // With synchronous results, waits until every active pool holds the heaps its worker is
-    // making: a request that finds a pool still filling may release history sets early, and how
-    // often that happens would depend on the machine rather than on the seed.
+    // making (after configuration, a trigger or a raised maximum): a request that finds a pool
+    // still filling may release history sets early or wait a slice, and how often that happens
+    // would depend on the machine rather than on the seed.
     void settlePoolsIfSynchronous();
     void frame(uint32_t f);
     void dispatch(Batch&& b);
