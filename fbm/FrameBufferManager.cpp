@@ -1,3 +1,9 @@
+// The manager, in sections that follow a frame's road:
+//   Free functions and records, Metadata free worker, Lifecycle   the objects
+//   Configuration, Pool set-up                                     before the first frame
+//   Requests, Tracking and results, Keeping buffers                a frame's buffers, in order
+//   Selection, Release                                             its history set, to the end
+//   Dumps, Pool control, Entry                                     from the side, at any time
 #define LOG_TAG "vexlor-ppl_fbm"
 #define LOG_SRC_PATH "pipeline/pipeline/fbm/FrameBufferManager"
 
