@@ -136,12 +136,17 @@ void BufferHeapPool::heapAvailable() {
 }
 
 bool BufferHeapPool::waitForHeap(uint64_t seen, std::chrono::nanoseconds slice) {
+    auto const deadline = detail::deadlineAfter(slice);
     LockGuard<Mutex> lk(mHeapWaitLock);
     mHeapWaiters.fetch_add(1, std::memory_order_seq_cst);
-    bool woken = mAvailableSeq.load(std::memory_order_seq_cst) != seen;
-    if (!woken) woken = mHeapWaitCond.waitFor(mHeapWaitLock, slice);
+    bool came;
+    while (!(came = mAvailableSeq.load(std::memory_order_seq_cst) != seen)) {
+        auto const left = deadline - std::chrono::steady_clock::now();
+        if (left <= std::chrono::nanoseconds::zero()) break;
+        mHeapWaitCond.waitFor(mHeapWaitLock, left);
+    }
     mHeapWaiters.fetch_sub(1, std::memory_order_relaxed);
-    return woken;
+    return came;
 }
 
 int32_t BufferHeapPool::updateBufferCount(int32_t count) {
