@@ -19,6 +19,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "HookSlot.h"
+
 namespace {
 
 std::atomic<int64_t> gMetadataAlive{0};
@@ -194,7 +196,7 @@ struct HeapStats {
     std::atomic<int> failNext{0};
     bool record = false;
     std::vector<vexlor::host::HeapCreateCall> calls;
-    std::function<void()> hook;
+    vexlor::host::detail::HookSlot<std::function<void()>> hook;  // called before each heap is made
 };
 HeapStats& heapStats() {
     static HeapStats* s = new HeapStats;
@@ -264,13 +266,11 @@ std::shared_ptr<IImageBufferHeap> IImageBufferHeapFactory::create(
     char const* callerName, char const* heapName, IImageBufferAllocator::ImgParam const& param,
     bool flag) {
     auto& s = heapStats();
-    std::function<void()> hook;
     {
         std::lock_guard<std::mutex> lk(s.lock);
-        hook = s.hook;
         if (s.record) s.calls.push_back({callerName ? callerName : "", heapName ? heapName : "", param, flag});
     }
-    if (hook) hook();
+    s.hook();
     if (takeFailure(s.failNext)) return nullptr;
     int64_t const bytes = vexlor::host::HeapFactory::sizeOf(param);
     void* memory = nullptr;
@@ -310,8 +310,7 @@ std::atomic<int> gFailMetaLock{0};
 std::atomic<uint32_t> gImageStatus{0};
 std::atomic<int64_t> gReleaseToOwnerCalls{0};
 std::atomic<uint64_t> gBufferSeq{0};
-std::mutex gMetaHookLock;
-std::function<void(char const*)> gMetaDestroyHook;
+vexlor::host::detail::HookSlot<std::function<void(char const*)>> gMetaDestroyHook;
 
 using namespace NSCam::v3;
 
@@ -367,12 +366,7 @@ public:
         ++gMetaAlive;
     }
     ~HostMetaStreamBuffer() override {
-        std::function<void(char const*)> hook;
-        {
-            std::lock_guard<std::mutex> lk(gMetaHookLock);
-            hook = gMetaDestroyHook;
-        }
-        if (hook) hook(bufferName());
+        if (gMetaDestroyHook.isSet()) gMetaDestroyHook(bufferName());
         --gMetaAlive;
     }
     std::shared_ptr<IMetaStreamInfo const> streamInfoOf() const override { return mInfo; }
@@ -585,11 +579,7 @@ HeapFactory::Occupancy HeapFactory::occupancyOf(std::string const& heapName) {
     return it == s.byName.end() ? Occupancy{} : countOwners(it->second.live);
 }
 
-void HeapFactory::setCreateHook(std::function<void()> hook) {
-    auto& s = heapStats();
-    std::lock_guard<std::mutex> lk(s.lock);
-    s.hook = std::move(hook);
-}
+void HeapFactory::setCreateHook(std::function<void()> hook) { heapStats().hook.set(std::move(hook)); }
 
 int64_t StreamBufferFactory::imageAlive() { return gImageAlive.load(); }
 int64_t StreamBufferFactory::metaAlive() { return gMetaAlive.load(); }
@@ -598,8 +588,7 @@ void StreamBufferFactory::failNextMeta(int n) { gFailMeta = n; }
 void StreamBufferFactory::failNextMetaLock(int n) { gFailMetaLock = n; }
 void StreamBufferFactory::setImageStatus(uint32_t status) { gImageStatus = status; }
 void StreamBufferFactory::setMetaDestroyHook(std::function<void(char const*)> hook) {
-    std::lock_guard<std::mutex> lk(gMetaHookLock);
-    gMetaDestroyHook = std::move(hook);
+    gMetaDestroyHook.set(std::move(hook));
 }
 int64_t StreamBufferFactory::releaseToOwnerCalls() { return gReleaseToOwnerCalls.load(); }
 

@@ -16,6 +16,8 @@
 #include <ctime>
 #include <mutex>
 
+#include "HookSlot.h"
+
 namespace {
 
 struct Capture {
@@ -45,20 +47,16 @@ void echoLine(int prio, char const* tag, char const* text) {
                  static_cast<long>(syscall(SYS_gettid)), priorityLetter(prio), tag, text);
 }
 
-using LineHook = std::function<void(std::string const&)>;
-std::atomic<bool> gHasLineHook{false};
-std::shared_ptr<LineHook> gLineHook;  // guarded by capture().lock
+vexlor::host::detail::HookSlot<std::function<void(std::string const&)>> gLineHook;
 
 void recordAndroid(int prio, char const* tag, char const* text) {
     if (gEcho.load(std::memory_order_relaxed)) echoLine(prio, tag, text);
-    std::shared_ptr<LineHook> hook;
-    if (gCapturing.load(std::memory_order_relaxed) || gHasLineHook.load(std::memory_order_acquire)) {
+    if (gCapturing.load(std::memory_order_relaxed)) {
         auto& c = capture();
         std::lock_guard<std::mutex> lk(c.lock);
-        if (gCapturing.load(std::memory_order_relaxed)) c.android.push_back({prio, tag ? tag : "", text});
-        hook = gLineHook;
+        c.android.push_back({prio, tag ? tag : "", text});
     }
-    if (hook) (*hook)(text);
+    if (gLineHook.isSet()) gLineHook(std::string(text));
 }
 
 // The process's unified logger: keeps what it is given.
@@ -202,12 +200,7 @@ void LogCapture::clear() {
 }
 void LogCapture::setCapturing(bool on) { gCapturing = on; }
 void LogCapture::setEcho(bool on) { gEcho = on; }
-void LogCapture::setLineHook(std::function<void(std::string const&)> hook) {
-    auto& c = capture();
-    std::lock_guard<std::mutex> lk(c.lock);
-    gLineHook = hook ? std::make_shared<LineHook>(std::move(hook)) : nullptr;
-    gHasLineHook = static_cast<bool>(gLineHook);
-}
+void LogCapture::setLineHook(std::function<void(std::string const&)> hook) { gLineHook.set(std::move(hook)); }
 size_t LogCapture::countAndroid(std::string const& s) {
     size_t n = 0;
     for (auto const& l : androidLines()) n += l.text.find(s) != std::string::npos;
