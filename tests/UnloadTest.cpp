@@ -91,6 +91,10 @@ TEST_F(UnloadTest, LoadUseUnloadManyTimes) {
         if (text.find("FreeMetaObject: thread -") != std::string::npos) ++workersEnded;
         if (text.find("[releaseBufferSets] release [R") != std::string::npos) ++setsToWorker;
     });
+    // Cleared before the counters it writes go out of scope, however the test ends.
+    struct ClearHook {
+        ~ClearHook() { host::LogCapture::setLineHook(nullptr); }
+    } clearHook;
 
     // A hang is reported as such, with the cycle it happened in, instead of a bare time-out.
     std::mutex lock;
