@@ -214,6 +214,13 @@ void Simulation::frame(uint32_t f) {
     for (auto& b : batches) dispatch(std::move(b));
 }
 
+void Simulation::end() {
+    mForgotten.reset();  // dropped without releaseToOwner: its producer keeps tracking it
+    mProvider.reset();
+    mProcessor.reset();
+    mManager.reset();
+}
+
 void Simulation::progress(uint32_t f, bool done) {
     if (mOpt.progressLines) {
         // A log keeps every line: one every few seconds says the run is alive and how far it is.

@@ -5,19 +5,7 @@
 namespace fbmsim {
 
 using detail::Simulation;
-using namespace NSCam::v3;
 namespace host = vexlor::host;
-
-namespace detail {
-
-void Simulation::end() {
-    mForgotten.reset();  // dropped without releaseToOwner: its producer keeps tracking it
-    mProvider.reset();
-    mProcessor.reset();
-    mManager.reset();
-}
-
-}  // namespace detail
 
 ProcessReport runSimulations(std::vector<Scenario> const& pipelines, Options const& options, std::ostream& dumpOut) {
     ProcessReport out;

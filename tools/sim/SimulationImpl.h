@@ -1,6 +1,7 @@
 #pragma once
 // The simulated pipeline of one camera: its parts live in files of their own, by role.
 //   FrameDriver.cpp     configuration and the frames: tracking, requests, pool changes, the run
+//                       from start to end
 //   ResultReturner.cpp  results in batches from their own threads, and the pipeline's releases
 //   Selector.cpp        the selector: selections, sets held for processing, clones
 //   Report.cpp          samples, the dump, memory, and the printed report
