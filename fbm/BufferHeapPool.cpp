@@ -193,12 +193,12 @@ int32_t BufferHeapPool::workerLoop() {
             HeapPtr heap = mAllocator();
             if (heap) {
                 backOff = std::chrono::milliseconds(0);
-                {
-                    LockGuard<Mutex> lk(mAvailableLock);
-                    mAvailableBuf.push_back(std::move(heap));
-                    ++mAllocatedCount;
-                }
-                heapAvailable();  // a request may be waiting for the pool's first heaps
+                LockGuard<Mutex> lk(mAvailableLock);
+                mAvailableBuf.push_back(std::move(heap));
+                // Announced before the lock goes: a request that took this heap and waits for
+                // another must not be woken by this one's late news.
+                heapAvailable();
+                ++mAllocatedCount;
             } else {
                 MY_LOGE_AS(fn, "do_construct allocate buffer failed");
                 backOff = std::clamp(backOff * 2, kAllocRetryFirst, kAllocRetryLast);
