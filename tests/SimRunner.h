@@ -1,17 +1,22 @@
 #pragma once
 // Runs the built simulator as a user does, without a shell: an argument vector, its standard
-// output and error together, its exit status, and a time limit after which it is killed.
+// output and error together, its exit status, and a time limit after which it is killed; and a
+// fresh folder for what a run reads and writes.
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <mutex>
 #include <string>
@@ -117,5 +122,34 @@ inline SimRun runSim(std::vector<std::string> args) {
     how.args = std::move(args);
     return runSim(how);
 }
+
+// A fresh directory per test, so what a run leaves behind can be listed.
+struct TempDir {
+    std::string path;
+    TempDir() {
+        std::string pattern = ::testing::TempDir() + "fbm-sim-XXXXXX";
+        path = mkdtemp(pattern.data()) ? pattern : "";
+    }
+    ~TempDir() {
+        for (auto const& n : names()) std::remove((path + "/" + n).c_str());
+        rmdir(path.c_str());
+    }
+    std::string operator/(std::string const& name) const { return path + "/" + name; }
+    std::set<std::string> names() const {
+        std::set<std::string> out;
+        if (DIR* d = opendir(path.c_str())) {
+            while (dirent* e = readdir(d)) {
+                std::string const n = e->d_name;
+                if (n != "." && n != "..") out.insert(n);
+            }
+            closedir(d);
+        }
+        return out;
+    }
+    std::string write(std::string const& name, std::string const& text) const {
+        std::ofstream(*this / name) << text;
+        return *this / name;
+    }
+};
 
 }  // namespace simtest

@@ -2,7 +2,6 @@
 // no run that only looks hung, outputs checked before and after, valid trace JSON.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,35 +24,7 @@ using simtest::runSim;
 using simtest::slurp;
 using simtest::SimRun;
 using simtest::SimSpawn;
-
-// A fresh directory per test, so what a run leaves behind can be listed.
-struct TempDir {
-    std::string path;
-    TempDir() {
-        std::string pattern = ::testing::TempDir() + "fbm-sim-XXXXXX";
-        path = mkdtemp(pattern.data()) ? pattern : "";
-    }
-    ~TempDir() {
-        for (auto const& n : names()) std::remove((path + "/" + n).c_str());
-        rmdir(path.c_str());
-    }
-    std::string operator/(std::string const& name) const { return path + "/" + name; }
-    std::set<std::string> names() const {
-        std::set<std::string> out;
-        if (DIR* d = opendir(path.c_str())) {
-            while (dirent* e = readdir(d)) {
-                std::string const n = e->d_name;
-                if (n != "." && n != "..") out.insert(n);
-            }
-            closedir(d);
-        }
-        return out;
-    }
-    std::string write(std::string const& name, std::string const& text) const {
-        std::ofstream(*this / name) << text;
-        return *this / name;
-    }
-};
+using simtest::TempDir;
 
 bool isPng(std::string const& path) { return slurp(path).rfind("\x89PNG", 0) == 0; }
 
