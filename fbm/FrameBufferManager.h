@@ -76,6 +76,9 @@ extern FreeMetaObject gFreeMetaObject;
 void releaseBuffer(std::shared_ptr<IImageStreamBuffer>& buffer);
 void releaseBuffer(std::shared_ptr<IMetaStreamBuffer>& buffer);
 
+// The text of an error number, for log lines.
+std::string errText(int err);
+
 // ---- allocation --------------------------------------------------------------------------------
 nivo::IImageBufferAllocator::ImgParam generateImgParam(IImageStreamInfo const* info);
 

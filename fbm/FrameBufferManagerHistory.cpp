@@ -1,0 +1,251 @@
+// Completed frames as history sets: offered to a selector, and released to feed a starving pool.
+#define LOG_TAG "vexlor-ppl_fbm"
+#define LOG_SRC_PATH "pipeline/pipeline/fbm/FrameBufferManager"
+
+#include "FrameBufferManager.h"
+
+#include <sstream>
+
+#include <vexlor/LogScheme.h>
+
+using NSCam::Utils::ULog::ULogPrinter;
+
+namespace NSCam::v3::pipeline {
+
+namespace {
+
+constexpr size_t kReleaseToWorkerThreshold = 4;
+constexpr auto kSelectLockWait = std::chrono::milliseconds(10);
+
+template <class Vec>
+std::string metaNames(Vec const& buffers, bool brief) {
+    if (brief) return "#" + std::to_string(buffers.size());
+    std::string s;
+    for (auto const& b : buffers) {
+        auto info = b ? b->streamInfoOf() : nullptr;
+        s += std::string(info ? info->streamName() : "") + " ";
+    }
+    return s;
+}
+
+std::string toString(IHistoryBufferProvider::HistoryBufferSet const& set, bool brief) {
+    std::ostringstream oss;
+    oss << "[F" << set.frameNo << " R" << set.requestNo << " ts:" << set.timestamp << " halImage("
+        << set.halImage.size() << ")" << " halMeta(" << metaNames(set.halMeta, brief) << ")"
+        << " appMeta(" << metaNames(set.appMeta, brief) << ")" << "]";
+    return oss.str();
+}
+
+}  // namespace
+
+// =================================================================================================
+// Selection
+// =================================================================================================
+
+std::list<IHistoryBufferProvider::HistoryBufferSet> FrameBufferManagerImpl::beginSelect()
+    NO_THREAD_SAFETY_ANALYSIS {  // returns with mInSelectLock held, until endSelect
+    MY_LOGD_IF(mLogLevel >= 3, "in selection +");
+    mInSelectLock.lock();
+    std::list<HistoryBufferSet> sets;
+    LockGuard<TimedMutex> lk(mReadyLock);
+    sets.splice(sets.end(), mReadyList);
+    for (auto const& set : sets) increaseReadyCounters(set, -1);
+    return sets;
+}
+
+void FrameBufferManagerImpl::endSelect() NO_THREAD_SAFETY_ANALYSIS {
+    mInSelectLock.unlock();
+    MY_LOGD_IF(mLogLevel >= 3, "in selection -");
+}
+
+void FrameBufferManagerImpl::returnUnselectedSet(ReturnUnselectedSet&& ret) {
+    HistoryBufferSet& set = ret.bufferSet;
+    MY_LOGD_IF(mLogLevel >= 2, "[R%u F%u] welcome back, %s", set.requestNo, set.frameNo,
+               ret.keep ? "keep" : "release");
+    if (!ret.keep) {
+        releaseOneBufferSet(set);
+        return;
+    }
+    LockGuard<TimedMutex> lk(mReadyLock);
+    increaseReadyCounters(set, 1);
+    // From the front: before the first newer set, so a returned set goes behind equal ones
+    // (the opposite tie-break of returnResult, deliberately).
+    auto pos = std::find_if(mReadyList.begin(), mReadyList.end(),
+                            [&](HistoryBufferSet const& s) { return s.timestamp > set.timestamp; });
+    if (mSpareReady.empty()) {
+        mReadyList.insert(pos, std::move(set));
+    } else {
+        auto node = mSpareReady.begin();
+        mReadyList.splice(pos, mSpareReady, node);
+        *node = std::move(set);
+    }
+}
+
+IHistoryBufferProvider::HistoryBufferSet FrameBufferManagerImpl::cloneHBS(HistoryBufferSet const& source) {
+    HistoryBufferSet clone;
+    clone.frameNo = source.frameNo;
+    clone.requestNo = source.requestNo;
+    clone.timestamp = source.timestamp;
+    clone.isRecyclable = true;  // a clone is always recyclable, deliberately
+    for (auto const& b : source.halImage) {
+        if (!b) continue;
+        auto copy = b;
+        addSharedImage(std::move(copy), clone.halImage);
+    }
+    for (auto const& b : source.halMeta) {
+        if (!b) continue;
+        auto copy = b;
+        addCopiedMeta(std::move(copy), clone.halMeta);
+    }
+    for (auto const& b : source.appMeta) {
+        if (!b) continue;
+        auto copy = b;
+        addCopiedMeta(std::move(copy), clone.appMeta);
+    }
+    MY_LOGD("cloned HBS=%s", toString(clone, false).c_str());
+    return clone;
+}
+
+std::map<uint32_t, std::shared_ptr<TrackFrameResultParams const>>
+FrameBufferManagerImpl::peekInflights() const {
+    std::map<uint32_t, std::shared_ptr<TrackFrameResultParams const>> out;
+    LockGuard<TimedMutex> lk(mInFlightLock);
+    for (auto const& set : mInFlightList) out.emplace(set.frameNo, set.trackParams);
+    return out;
+}
+
+std::map<uint32_t, uint32_t> FrameBufferManagerImpl::peekInflightsReqNo() const {
+    std::map<uint32_t, uint32_t> out;
+    LockGuard<TimedMutex> lk(mInFlightLock);
+    for (auto const& set : mInFlightList) out.emplace(set.frameNo, set.requestNo);
+    return out;
+}
+
+// =================================================================================================
+// Release
+// =================================================================================================
+
+bool FrameBufferManagerImpl::pickOneHistoryBufferSetLocked(PoolStreams const& poolStreams,
+                                                           std::list<HistoryBufferSet>& out) {
+    for (auto it = mReadyList.begin(); it != mReadyList.end(); ++it) {
+        if (!it->isRecyclable) continue;
+        bool const holdsPoolImage =
+            std::any_of(it->halImage.begin(), it->halImage.end(), [&](auto const& image) {
+                auto info = image ? image->streamInfoOf() : nullptr;
+                return info && poolStreams.contains(info->streamId());
+            });
+        if (!holdsPoolImage) continue;
+        increaseReadyCounters(*it, -1);
+        out.splice(out.end(), mReadyList, it);
+        return true;
+    }
+    return false;
+}
+
+void FrameBufferManagerImpl::tryReleaseHistoryBufferSets(int64_t streamId, int count,
+                                                         bool dumpOnFailure) {
+    if (count < 1) {
+        MY_LOGE("stream(%#lx), bad try release count(%d)", static_cast<long>(streamId), count);
+        return;
+    }
+    MY_LOGD_IF(mLogLevel >= 2, "stream(%#lx), try release count(%d) +", static_cast<long>(streamId),
+               count);
+    PoolStreams const poolStreams = poolStreamsOf(streamId);
+
+    // Bounded, so that a long selection cannot stall a starving request; the release then goes
+    // ahead on what is left on the ready list. Held, when taken, until the sets are released.
+    ScopedTryLock<TimedMutex> select(mInSelectLock, kSelectLockWait);
+    if (!select.owns()) {
+        MY_LOGE("try_lock_for mInSelectLock timeout (10ms). Check the critical section between "
+                "beginSelect() and endSelect()");
+    } else {
+        MY_LOGD_IF(mLogLevel >= 3, "try_lock_for mInSelectLock within timeout (10ms)");
+    }
+    auto warnNoSet = [&]() REQUIRES(mReadyLock) {
+        MY_LOGW_AS("tryReleaseHistoryBufferSets",
+                   "stream(%#lx) getOneHistoryBufferSetLocked failed! mReadyList(#%zu)",
+                   static_cast<long>(streamId), mReadyList.size());
+    };
+
+    std::list<HistoryBufferSet> sets;
+    if (count == 1) {
+        bool picked;
+        {
+            LockGuard<TimedMutex> lk(mReadyLock);
+            picked = pickOneHistoryBufferSetLocked(poolStreams, sets);
+            if (!picked) warnNoSet();
+        }
+        if (picked) {
+            releaseOneBufferSet(sets.front());
+            recycleReadySets(sets);
+            return;
+        }
+    } else {
+        {
+            LockGuard<TimedMutex> lk(mReadyLock);
+            int left = count;
+            do {
+                if (!pickOneHistoryBufferSetLocked(poolStreams, sets)) {
+                    warnNoSet();
+                    break;
+                }
+                if (poolStreams.size() >= 2) {
+                    auto const& set = sets.back();
+                    left -= static_cast<int>(
+                        std::count_if(set.halImage.begin(), set.halImage.end(), [&](auto const& image) {
+                            auto info = image ? image->streamInfoOf() : nullptr;
+                            return info && poolStreams.contains(info->streamId());
+                        }));
+                } else {
+                    left -= 1;
+                }
+            } while (left >= 1);
+        }
+        MY_LOGD("stream(%#lx), release bufferHeap count(%d), release bufferSet count(%zu)",
+                static_cast<long>(streamId), count, sets.size());
+        releaseBufferSets(sets);
+        // Read after releaseBufferSets, which empties a list of up to 4 sets itself: only a
+        // larger batch of exactly `count` sets returns early. Kept as it is, as is the comparison
+        // of a number of sets with a number of heaps.
+        size_t const released = sets.size();
+        recycleReadySets(sets);
+        if (released == static_cast<size_t>(count)) return;
+    }
+
+    select.unlock();
+    if (dumpOnFailure) {
+        if (NSCam::Utils::ULog::ulogDebugOn()) {
+            std::ostringstream ids;
+            ids << std::hex;
+            poolStreams.forEach([&ids](StreamId_T id) { ids << id << " "; });
+            MY_LOGD("stream(%#lx): no {%s} in ReadyList", static_cast<long>(streamId),
+                    ids.str().c_str());
+        }
+        ULogPrinter printer(NSCam::Utils::ULog::kULogLevelDebug, NSCam::Utils::ULog::kFbmModule,
+                            LOG_TAG);
+        dumpBufferPools(printer);
+    }
+}
+
+void FrameBufferManagerImpl::releaseBufferSets(std::list<HistoryBufferSet>& sets) {
+    if (sets.size() > kReleaseToWorkerThreshold) {
+        // Metadata goes to the worker so that this (request) thread is not held up; the list is
+        // left in place for the caller to clear.
+        for (auto& set : sets) {
+            for (auto& image : set.halImage)
+                if (image) releaseBuffer(image);
+            gFreeMetaObject.freeBufferVec(set.halMeta);
+            gFreeMetaObject.freeBufferVec(set.appMeta);
+            MY_LOGD_IF(mLogLevel >= 2, "release [R%u F%u]", set.requestNo, set.frameNo);
+        }
+        return;
+    }
+    std::list<HistoryBufferSet> released;
+    while (!sets.empty()) {
+        releaseOneBufferSet(sets.front());
+        released.splice(released.end(), sets, sets.begin());
+    }
+    recycleReadySets(released);
+}
+
+}  // namespace NSCam::v3::pipeline
