@@ -187,6 +187,14 @@ TEST_F(HeapPoolTest, PendingDecreaseIsConsumedByTheFirstNeedReleaseQuestion) {
     EXPECT_TRUE(pool->isPoolWaitForRelease());
     for (auto& h : all) ASSERT_EQ(pool->releaseToPool("c", std::move(h)), 0);
     EXPECT_TRUE(settled(*pool, 9));
+
+    // A decrease of one with heaps to spare still says room is needed, and asks for none back
+    // (the worker may have shed one heap by then: eight are left either way).
+    int32_t eight = 8;
+    pool->updateMaxBuffer(eight);
+    needRelease = 0;
+    EXPECT_TRUE(pool->isPoolNeedRelease(needRelease));
+    EXPECT_EQ(needRelease, 0);
 }
 
 TEST_F(HeapPoolTest, WorkerWaitsForInUseHeapsToComeBackBeforeFreeingThem) {
