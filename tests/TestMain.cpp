@@ -8,14 +8,16 @@
 namespace {
 
 // The process's metadata worker starts with the library and prints its first lines whenever its
-// thread gets to run, late on a loaded machine or under a sanitizer. Tests count log lines: let it
-// run a pass and go back to its wait before the first test.
+// thread gets to run, late on a loaded machine or under a sanitizer. Tests count log lines and
+// metadata buffers: let it free one buffer and go back to its wait before the first test. Its
+// first wait may come before the hand-over, so only a wait after the pass counts.
 void settleMetadataWorker() {
     using namespace fbmtest;
     host::setULogSwitches(5, 0x207000, 1);
-    std::atomic<bool> waiting{false};
+    std::atomic<bool> freed{false}, waiting{false};
     host::LogCapture::setLineHook([&](std::string const& text) {
-        if (text.find("FreeMetaObject: wait +") == std::string::npos) return;
+        if (text.find("FreeMetaObject: free -") != std::string::npos) freed = true;
+        if (!freed || text.find("FreeMetaObject: wait +") == std::string::npos) return;
         waiting = true;
         waiting.notify_all();
     });
