@@ -40,7 +40,7 @@ struct StreamReport {
     uint64_t buffers = 0;
     uint64_t failures = 0;
     uint64_t timeouts = 0;
-    uint64_t slowWaits = 0;  // requests of 10 ms or more after the warm-up
+    uint64_t slowWaits = 0;  // requests of 10 ms or more that slept, after the warm-up
     size_t maxBuffers = 0;   // as configured
     Histogram latency;
 };
