@@ -67,9 +67,10 @@ TEST(SimulatorMemory, PeakBytesAreHeapsTimesTheirSize) {
     EXPECT_TRUE(has(r, "prv              POOL      prv                   450.0 KiB    3")) << r.out;
 }
 
-// A request of 10 ms or more counts against a maximum, and a machine loaded enough to stall a
-// request that long for want of a core can push the recommendation up by one: such a plan is run
-// again, up to three times. Starving (time-outs) does not depend on the load.
+// A request that slept and took 10 ms or more counts against a maximum. On a loaded machine a
+// request that slept only for a moment (for a lock) can still lose its core for that long and push
+// the recommendation up by one: such a plan is run again, up to three times. Starving (time-outs)
+// does not depend on the load.
 TEST(SimulatorPlan, RecommendsTheSmallestPoolThatHoldsWhatTheSelectorKeeps) {
     for (int k : {2, 3}) {
         std::string const scenario = tempFile("holds.json", holdingScenario(k, 8));
