@@ -178,6 +178,11 @@ public:
     public:
         PoolStreams(std::shared_ptr<std::vector<std::set<StreamId_T>>> groups, StreamId_T streamId);
         bool contains(StreamId_T id) const { return mGroup ? mGroup->count(id) != 0 : id == mSingle; }
+        // Whether `image` is a buffer of one of these streams (an empty handle is not).
+        bool holds(std::shared_ptr<IImageStreamBuffer> const& image) const {
+            auto info = image ? image->streamInfoOf() : nullptr;
+            return info && contains(info->streamId());
+        }
         size_t size() const { return mGroup ? mGroup->size() : 1; }
         StreamId_T first() const { return mGroup ? *mGroup->begin() : mSingle; }
         template <class F>

@@ -127,14 +127,10 @@ std::map<uint32_t, uint32_t> FrameBufferManagerImpl::peekInflightsReqNo() const 
 
 bool FrameBufferManagerImpl::pickOneHistoryBufferSetLocked(PoolStreams const& poolStreams,
                                                            std::list<HistoryBufferSet>& out) {
+    auto const ofPool = [&](auto const& image) { return poolStreams.holds(image); };
     for (auto it = mReadyList.begin(); it != mReadyList.end(); ++it) {
         if (!it->isRecyclable) continue;
-        bool const holdsPoolImage =
-            std::any_of(it->halImage.begin(), it->halImage.end(), [&](auto const& image) {
-                auto info = image ? image->streamInfoOf() : nullptr;
-                return info && poolStreams.contains(info->streamId());
-            });
-        if (!holdsPoolImage) continue;
+        if (std::none_of(it->halImage.begin(), it->halImage.end(), ofPool)) continue;
         increaseReadyCounters(*it, -1);
         out.splice(out.end(), mReadyList, it);
         return true;
@@ -191,11 +187,8 @@ void FrameBufferManagerImpl::tryReleaseHistoryBufferSets(int64_t streamId, int c
                 }
                 if (poolStreams.size() >= 2) {
                     auto const& set = sets.back();
-                    left -= static_cast<int>(
-                        std::count_if(set.halImage.begin(), set.halImage.end(), [&](auto const& image) {
-                            auto info = image ? image->streamInfoOf() : nullptr;
-                            return info && poolStreams.contains(info->streamId());
-                        }));
+                    left -= static_cast<int>(std::count_if(set.halImage.begin(), set.halImage.end(),
+                                                           [&](auto const& image) { return poolStreams.holds(image); }));
                 } else {
                     left -= 1;
                 }
