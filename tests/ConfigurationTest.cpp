@@ -17,7 +17,7 @@ protected:
     }
 };
 
-TEST_F(ConfigurationTest, AttributeTexts) {
+TEST_F(ConfigurationTest, AttributeAndTrackParamsTexts) {
     EXPECT_EQ(toString(StreamAttribute(0)), "[IMAGE-HAL-USER    ]");
     EXPECT_EQ(toString(StreamAttribute(1)), "[IMAGE-HAL-POOL    ]");
     EXPECT_EQ(toString(StreamAttribute(2)), "[IMAGE-HAL-RUNTIME ]");
@@ -29,9 +29,6 @@ TEST_F(ConfigurationTest, AttributeTexts) {
     EXPECT_EQ(toHexString(255), "0xff");
     EXPECT_EQ(toHexString(0), "0");
     EXPECT_EQ(toHexString(int64_t{0x1a2b}), "0x1a2b");
-}
-
-TEST_F(ConfigurationTest, TrackParamsText) {
     TrackFrameResultParams p;
     p.halImage = {0x1a, 0x2b};
     p.appMeta = {7};

@@ -173,9 +173,14 @@ protected:
         returnResult(frameNo, r);
         sb->releaseToOwner();  // the pipeline is done with its own buffer
     }
-    // Every buffer let go: selects everything and releases it, then checks that every heap is
-    // back in its heap pool and no stream buffer lives on.
-    void releaseEverythingAndCheck() {
+    // Every buffer let go: the pipeline's own (`held`, released to their owners and dropped), and
+    // every set, selected and released; then every heap must be back in its heap pool and no
+    // stream buffer may live on.
+    void releaseEverythingAndCheck(std::initializer_list<SbPtr*> held = {}) {
+        for (SbPtr* sb : held) {
+            (*sb)->releaseToOwner();
+            sb->reset();
+        }
         auto sets = mManager->beginSelect();
         for (auto& s : sets) mManager->returnUnselectedSet({s, false});
         mManager->endSelect();

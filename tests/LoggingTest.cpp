@@ -151,6 +151,12 @@ TEST_F(LoggingTest, DebugLinesOfAnObjectNeedItsOwnLevel) {
     EXPECT_EQ(androidCount("no streams to track"), 0u);
     chatty->trackFrameResult(track);
     EXPECT_EQ(androidCount("[trackFrameResult] [R1 F1] no streams to track"), 1u);
+    IPipelineFrameHalResultProcessor::ReturnResult result;
+    result.requestNo = result.frameNo = 1;
+    result.timestamp = 5;
+    quiet->returnResult(result);
+    chatty->returnResult(result);
+    EXPECT_EQ(androidCount("[returnResult] [R1 F1]TS:5  "), 1u);
 }
 
 TEST_F(LoggingTest, ULogPrinterGatesOnItsLevelAndModule) {

@@ -2,8 +2,6 @@
 // that is pending, and within a pass the last handed over goes first.
 #include <atomic>
 #include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
 #include <latch>
 #include <thread>
 #include <sys/syscall.h>
@@ -98,28 +96,16 @@ struct Round {
     }
 };
 
-// Destroys the worker on another thread. A destructor that does not return is a hang at unload or
-// exit: the test aborts naming the point, instead of sitting until its time-out.
+// Destroys the worker. A destructor that does not return is a hang at unload or exit: the test
+// aborts naming the point, instead of sitting until its time-out.
 void destroyWorker(std::unique_ptr<FreeMetaObject>& worker, Round& round, char const* point) {
-    std::mutex lock;
-    std::condition_variable cond;
-    bool done = false;
-    std::thread destroyer([&] {
-        round.destroyerTid = static_cast<long>(syscall(SYS_gettid));
-        round.destroying = true;
-        round.destroying.notify_all();
-        worker.reset();
-        std::lock_guard<std::mutex> lk(lock);
-        done = true;
-        cond.notify_all();
+    Watchdog watchdog(std::chrono::seconds(30), [point] {
+        return std::string("metadata worker destroyed ") + point + ": not joined after 30 s";
     });
-    std::unique_lock<std::mutex> lk(lock);
-    if (!cond.wait_for(lk, std::chrono::seconds(30), [&] { return done; })) {
-        std::fprintf(stderr, "metadata worker destroyed %s: not joined after 30 s\n", point);
-        std::abort();
-    }
-    lk.unlock();
-    destroyer.join();
+    round.destroyerTid = static_cast<long>(syscall(SYS_gettid));
+    round.destroying = true;
+    round.destroying.notify_all();
+    worker.reset();
 }
 
 // As the process-wide worker at exit: a pipeline thread that hands buffers over after the

@@ -38,9 +38,7 @@ TEST_F(ReleaseTest, StarvingPoolIsFedByTheOldestRecyclableSet) {
     EXPECT_EQ(mManager->readyFrames(), std::vector<uint32_t>{1});
     EXPECT_EQ(mManager->readyCounters()[kPreview], 1);
     EXPECT_EQ(androidCount("retry(#"), 0u);
-    sb->releaseToOwner();
-    sb.reset();
-    releaseEverythingAndCheck();
+    releaseEverythingAndCheck({&sb});
 }
 
 TEST_F(ReleaseTest, NonRecyclableSetsAreNeverReleasedToFeedAPool) {

@@ -68,12 +68,7 @@ TEST_F(RequestTest, PooledBufferTakesTheRequestsInfoOrFallsBackOnALayoutChange) 
     auto [err4, b4] = request(kJpeg, 2, jpegBig);
     EXPECT_EQ(err4, 0);
     EXPECT_EQ(mAppProvider->calls, 1);
-    for (auto* sb : {&pooled, &runtime, &b3, &b4}) (*sb)->releaseToOwner();
-    pooled.reset();
-    runtime.reset();
-    b3.reset();
-    b4.reset();
-    releaseEverythingAndCheck();
+    releaseEverythingAndCheck({&pooled, &runtime, &b3, &b4});
 }
 
 TEST_F(RequestTest, ErrorsOfEachSource) {
@@ -247,10 +242,8 @@ TEST_F(RequestTest, DeferredPoolIsAllocatedOnTrigger) {
     EXPECT_EQ(mManager->triggerBufferPool(kDeferred), 0);  // "already inited"
     EXPECT_EQ(host::HeapFactory::created(), created);
     auto [err, sb] = request(kDeferred, 1);
-    EXPECT_EQ(err, 0);
-    sb->releaseToOwner();
-    sb.reset();
-    releaseEverythingAndCheck();
+    ASSERT_EQ(err, 0);
+    releaseEverythingAndCheck({&sb});
 }
 
 TEST_F(RequestTest, ADeferredSharingGroupDrawsFromOneHeapPool) {

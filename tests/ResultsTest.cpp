@@ -95,11 +95,7 @@ TEST_F(ResultsTest, FrameCompletesWhenTheLastTrackedBufferArrives) {
     mManager->endSelect();
     // One counter per pool: the shared group is counted under its smallest id.
     EXPECT_EQ(mManager->readyCounters(), (std::map<StreamId_T, int32_t>{{kPreview, 1}, {kFullA, 1}}));
-    a->releaseToOwner();
-    b->releaseToOwner();
-    a.reset();
-    b.reset();
-    releaseEverythingAndCheck();
+    releaseEverythingAndCheck({&a, &b});
 }
 
 TEST_F(ResultsTest, ReadyListIsInTimestampOrderNewSetsBeforeEqualOnes) {
@@ -174,9 +170,7 @@ TEST_F(ResultsTest, DestroyedFrames) {
     done.halMeta = {makeMeta(mHalMetaInfo)};
     returnResult(2, done);
     EXPECT_EQ(mManager->readyFrames(), std::vector<uint32_t>{2});
-    sb->releaseToOwner();
-    sb.reset();
-    releaseEverythingAndCheck();
+    releaseEverythingAndCheck({&sb});
 }
 
 TEST_F(ResultsTest, FrameWithoutTimestampIsReleasedAndOnlyTheUnrecyclableOneReported) {
@@ -209,10 +203,8 @@ TEST_F(ResultsTest, UntrackedFrameReleasesWhatItGivesBackAndKeepsNothing) {
     EXPECT_TRUE(r.halMeta.empty());
     EXPECT_EQ(host::StreamBufferFactory::releaseToOwnerCalls(), releases + 1);
     EXPECT_TRUE(mManager->readyFrames().empty());
-    keep->releaseToOwner();
-    keep.reset();
     r.images.clear();
-    releaseEverythingAndCheck();
+    releaseEverythingAndCheck({&keep});
 }
 
 TEST_F(ResultsTest, NoStreamsToTrackAddsNothing) {
@@ -296,11 +288,7 @@ TEST_F(ResultsTest, SharingSeveralImagesSharesEachInOrder) {
     EXPECT_EQ(out[0]->imageBufferHeap(), a->imageBufferHeap());
     EXPECT_EQ(out[1]->imageBufferHeap(), b->imageBufferHeap());
     EXPECT_NE(out[0], a);  // new stream buffers; the sources are left as they were
-    for (auto* sb : {&a, &b, &out[0], &out[1]}) (*sb)->releaseToOwner();
-    out.clear();
-    a.reset();
-    b.reset();
-    releaseEverythingAndCheck();
+    releaseEverythingAndCheck({&a, &b, &out[0], &out[1]});
 }
 
 TEST_F(ResultsTest, RecyclableFlagIsAPlaceholder) {

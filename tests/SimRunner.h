@@ -13,14 +13,11 @@
 
 #include <array>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <fstream>
 #include <set>
 #include <sstream>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 extern char** environ;
@@ -35,29 +32,22 @@ struct SimRun {
 
 struct SimSpawn {
     std::vector<std::string> args;  // after the program
-    std::vector<std::string> env;   // extra NAME=value entries
+    std::vector<std::string> env;   // NAME=value entries that replace or add to the test's
     std::chrono::seconds limit{120};
     bool noProgress = true;
 };
 
+// coreutils' timeout ends a run that outlives its limit with SIGKILL, and env adds the run's own
+// variables: what a user's shell would do, with no shell to read the arguments.
 inline SimRun runSim(SimSpawn const& how) {
-    std::vector<std::string> argv{FBM_SIM_PATH};
+    std::vector<std::string> argv{"/usr/bin/timeout", "-s", "KILL", std::to_string(how.limit.count()), "/usr/bin/env"};
+    argv.insert(argv.end(), how.env.begin(), how.env.end());
+    argv.emplace_back(FBM_SIM_PATH);
     if (how.noProgress) argv.emplace_back("--no-progress");
     argv.insert(argv.end(), how.args.begin(), how.args.end());
     std::vector<char*> cargv;
     for (auto& a : argv) cargv.push_back(a.data());
     cargv.push_back(nullptr);
-    std::vector<std::string> envStore;
-    for (char** e = environ; *e != nullptr; ++e) {
-        std::string const entry = *e;
-        bool replaced = false;
-        for (auto const& mine : how.env) replaced |= entry.compare(0, mine.find('=') + 1, mine, 0, mine.find('=') + 1) == 0;
-        if (!replaced) envStore.push_back(entry);
-    }
-    envStore.insert(envStore.end(), how.env.begin(), how.env.end());
-    std::vector<char*> cenv;
-    for (auto& e : envStore) cenv.push_back(e.data());
-    cenv.push_back(nullptr);
 
     SimRun r;
     int fds[2];
@@ -68,25 +58,14 @@ inline SimRun runSim(SimSpawn const& how) {
     posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, fds[1], STDERR_FILENO);
     pid_t pid = -1;
-    int const spawned = posix_spawn(&pid, cargv[0], &actions, nullptr, cargv.data(), cenv.data());
+    int const spawned = posix_spawn(&pid, cargv[0], &actions, nullptr, cargv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(fds[1]);
     if (spawned != 0) {
         close(fds[0]);
-        r.out = std::string("cannot run ") + FBM_SIM_PATH + ": " + std::strerror(spawned);
+        r.out = std::string("cannot run ") + cargv[0] + ": " + std::strerror(spawned);
         return r;
     }
-    // The watchdog kills a run that outlives its limit; reading on stops at the pipe's end.
-    std::mutex lock;
-    std::condition_variable cond;
-    bool done = false;
-    std::thread watchdog([&] {
-        std::unique_lock<std::mutex> lk(lock);
-        if (!cond.wait_for(lk, how.limit, [&] { return done; })) {
-            r.timedOut = true;
-            kill(pid, SIGKILL);
-        }
-    });
     std::array<char, 4096> buf;
     for (;;) {
         ssize_t const n = read(fds[0], buf.data(), buf.size());
@@ -97,13 +76,10 @@ inline SimRun runSim(SimSpawn const& how) {
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    {
-        std::lock_guard<std::mutex> lk(lock);
-        done = true;
-    }
-    cond.notify_one();
-    watchdog.join();
-    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    // Past its limit timeout kills the run and then itself, or exits with 128 + SIGKILL.
+    r.timedOut = (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) ||
+                 (WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGKILL);
+    r.exitCode = WIFEXITED(status) && !r.timedOut ? WEXITSTATUS(status) : -1;
     return r;
 }
 

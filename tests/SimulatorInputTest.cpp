@@ -90,6 +90,7 @@ TEST(SimulatorInput, NumbersAreCheckedBeforeTheyAreConverted) {
              {{"--seed", "-1"}, "--seed -1: must be a whole number from 0 to 18446744073709551615"},
              {{"--prop", "vendor.debug.camera.pipeline.fbm.acquire.timeout=4294967296"},
               "the value is out of range: must be from -2147483648 to 2147483647"},
+             {{"--prop", "novalue"}, "--prop novalue: expected key=integer"},
          }) {
         SimRun r = runSim(c.args);
         EXPECT_EQ(r.exitCode, 2) << r.out;

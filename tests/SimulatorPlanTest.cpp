@@ -17,12 +17,6 @@ using simtest::runSim;
 using simtest::slurp;
 using simtest::SimRun;
 
-std::string tempFile(std::string const& name, std::string const& text) {
-    std::string const path = ::testing::TempDir() + name;
-    std::ofstream(path) << text;
-    return path;
-}
-
 // One kept pool stream and a selector that holds exactly `k` sets (the newest of each selection,
 // until the next one). Results and selection on the requesting thread: one frame's buffer is in
 // flight at a time, so the pool needs k + 1 buffers.
@@ -36,10 +30,11 @@ std::string holdingScenario(int k, int maxBuffers) {
 
 TEST(SimulatorMemory, PeakBytesAreHeapsTimesTheirSize) {
     // min = max = 3 and one buffer in flight at a time: the pool holds exactly its 3 first heaps.
-    std::string const scenario = tempFile("three.json", R"({"frames": 50,
+    simtest::TempDir const dir;
+    std::string const scenario = dir.write("three.json", R"({"frames": 50,
       "images": [{"name": "prv", "id": 1, "width": 640, "height": 480, "maxBuffers": 3, "minBuffers": 3},
                  {"name": "jpg", "id": 2, "source": "app-provider", "blob": true, "width": 100000, "height": 1}]})");
-    std::string const json = ::testing::TempDir() + "report.json";
+    std::string const json = dir / "report.json";
     SimRun r = runSim({"--scenario", scenario, "--result-threads", "0", "--json", json});
     ASSERT_EQ(r.exitCode, 0) << r.out;
     auto const report = nlohmann::json::parse(slurp(json));
@@ -73,7 +68,8 @@ TEST(SimulatorMemory, PeakBytesAreHeapsTimesTheirSize) {
 // does not depend on the load.
 TEST(SimulatorPlan, RecommendsTheSmallestPoolThatHoldsWhatTheSelectorKeeps) {
     for (int k : {2, 3}) {
-        std::string const scenario = tempFile("holds.json", holdingScenario(k, 8));
+        simtest::TempDir const dir;
+        std::string const scenario = dir.write("holds.json", holdingScenario(k, 8));
         std::string const expected = "cap: maximum " + std::to_string(k + 1) + " (configured 8): " +
                                      std::to_string(8 - k - 1) + " buffers fewer, saves";
         SimRun r;
@@ -134,7 +130,8 @@ TEST(SimulatorPipelines, TwoPipelinesRunAtOnceAndAreEachLeakChecked) {
     EXPECT_EQ(wide.find("telePreview' still"), std::string::npos) << wide;
     EXPECT_NE(teleText.find("LOST: heaps of 'telePreview' still in use: 1;"), std::string::npos) << teleText;
 
-    std::string const clash = tempFile("clash.json", R"({"pipelines": [
+    simtest::TempDir const dir;
+    std::string const clash = dir.write("clash.json", R"({"pipelines": [
         {"images": [{"name": "cam", "id": 1}]}, {"images": [{"name": "cam", "id": 2}]}]})");
     r = runSim({"--scenario", clash});
     EXPECT_EQ(r.exitCode, 2);

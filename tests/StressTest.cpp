@@ -21,14 +21,6 @@ public:
     std::atomic<uint64_t> lines{0};
 };
 
-struct Batch {
-    uint32_t frameNo = 0;
-    int64_t timestamp = 0;
-    bool destroyed = false;
-    std::vector<SbPtr> images, toRelease;
-    std::vector<MetaPtr> halMeta, appMeta;
-};
-
 class StressTest : public FramePathTest {
 protected:
     void SetUp() override {
@@ -61,7 +53,7 @@ protected:
         mDumps{0}, mPoolOps{0};
     std::mutex mQueueLock;
     std::condition_variable mQueueCond;
-    std::deque<Batch> mQueue;
+    std::deque<std::pair<uint32_t, Result>> mQueue;  // frame number, result batch
     int mRequestersLeft = 0;
 };
 
@@ -76,8 +68,7 @@ void StressTest::requester(uint64_t seed) {
         }
         bool const recyclable = rng() % 8 != 0;
         track(f, kept, {kHalMeta}, {kAppMeta}, recyclable);
-        Batch a, b;
-        a.frameNo = b.frameNo = f;
+        Result a, b;
         (rng() % 2 ? a : b).timestamp = rng() % 16 == 0 ? 0 : int64_t(f) * 1000 + int64_t(rng() % 3000);
         bool failedKept = false;
         for (StreamId_T id : streams) {
@@ -88,7 +79,7 @@ void StressTest::requester(uint64_t seed) {
                 failedKept |= kept.count(id) != 0;
                 continue;
             }
-            Batch& to = rng() % 2 ? a : b;
+            Result& to = rng() % 2 ? a : b;
             to.images.push_back(sb);
             to.toRelease.push_back(sb);
         }
@@ -96,8 +87,8 @@ void StressTest::requester(uint64_t seed) {
         (rng() % 2 ? a : b).appMeta.push_back(makeMeta(mAppMetaInfo, f));
         b.destroyed = failedKept || rng() % 32 == 0;
         std::lock_guard<std::mutex> lk(mQueueLock);
-        mQueue.push_back(std::move(a));
-        mQueue.push_back(std::move(b));
+        mQueue.emplace_back(f, std::move(a));
+        mQueue.emplace_back(f, std::move(b));
         mQueueCond.notify_all();
     }
     std::lock_guard<std::mutex> lk(mQueueLock);
@@ -107,22 +98,15 @@ void StressTest::requester(uint64_t seed) {
 
 void StressTest::resulter() {
     for (;;) {
-        Batch b;
+        std::pair<uint32_t, Result> batch;
         {
             std::unique_lock<std::mutex> lk(mQueueLock);
             mQueueCond.wait(lk, [&] { return !mQueue.empty() || mRequestersLeft == 0; });
             if (mQueue.empty()) return;
-            b = std::move(mQueue.front());
+            batch = std::move(mQueue.front());
             mQueue.pop_front();
         }
-        Result r;
-        r.timestamp = b.timestamp;
-        r.destroyed = b.destroyed;
-        r.images = std::move(b.images);
-        r.toRelease = std::move(b.toRelease);
-        r.halMeta = std::move(b.halMeta);
-        r.appMeta = std::move(b.appMeta);
-        returnResult(b.frameNo, r);
+        returnResult(batch.first, batch.second);
         ++mResults;
     }
 }
@@ -156,16 +140,10 @@ void StressTest::selector(uint64_t seed) {
 }
 
 TEST_F(StressTest, ConcurrentFramesSelectionDumpsAndPoolControlLoseNothing) {
-    std::mutex doneLock;
-    std::condition_variable doneCond;
-    bool done = false;
-    std::thread watchdog([&] {
-        std::unique_lock<std::mutex> lk(doneLock);
-        if (doneCond.wait_for(lk, std::chrono::seconds(120), [&] { return done; })) return;
+    auto watchdog = std::make_unique<Watchdog>(std::chrono::seconds(120), [&] {
         host::StringPrinter printer;  // the dump only tries the frame locks: it cannot hang here
         mManager->dumpState(printer);
-        std::cerr << "stress: no progress for 120 s, state dump:\n" << printer.text() << std::flush;
-        std::abort();
+        return "stress: no progress for 120 s, state dump:\n" + printer.text();
     });
 
     mRequestersLeft = 2;
@@ -208,12 +186,7 @@ TEST_F(StressTest, ConcurrentFramesSelectionDumpsAndPoolControlLoseNothing) {
     for (auto& t : resulters) t.join();
     mStop = true;
     for (size_t i = 2; i < threads.size(); ++i) threads[i].join();
-    {
-        std::lock_guard<std::mutex> lk(doneLock);
-        done = true;
-    }
-    doneCond.notify_all();
-    watchdog.join();
+    watchdog.reset();
 
     EXPECT_TRUE(mManager->peekInflights().empty());
     {   // the per-pool counters agree with the ready list

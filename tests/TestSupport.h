@@ -4,8 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 
 #include <android/log.h>
 #include <cutils/trace.h>
@@ -75,6 +81,33 @@ protected:
         host::LogCapture::setLineHook(nullptr);
         return ok;
     }
+};
+
+// Turns a hang into a failure that says where it hung: unless destroyed within `limit`, prints
+// what `describe` says and aborts the test program.
+class Watchdog {
+public:
+    Watchdog(std::chrono::seconds limit, std::function<std::string()> describe)
+        : mThread([this, limit, describe = std::move(describe)] {
+              std::unique_lock<std::mutex> lk(mLock);
+              if (mCond.wait_for(lk, limit, [&] { return mDone; })) return;
+              std::fprintf(stderr, "%s\n", describe().c_str());
+              std::abort();
+          }) {}
+    ~Watchdog() {
+        {
+            std::lock_guard<std::mutex> lk(mLock);
+            mDone = true;
+        }
+        mCond.notify_all();
+        mThread.join();
+    }
+
+private:
+    std::mutex mLock;
+    std::condition_variable mCond;
+    bool mDone = false;
+    std::thread mThread;  // last: it starts once the members above exist
 };
 
 struct StreamSpec {

@@ -4,11 +4,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
-#include <mutex>
-#include <thread>
 
 #include "TestSupport.h"
 
@@ -107,15 +103,9 @@ TEST_F(UnloadTest, LoadUseUnloadManyTimes) {
     } clearHook;
 
     // A hang is reported as such, with the cycle it happened in, instead of a bare time-out.
-    std::mutex lock;
-    std::condition_variable cond;
-    bool done = false;
     std::atomic<int> cycle{0};
-    std::thread watchdog([&] {
-        std::unique_lock<std::mutex> lk(lock);
-        if (cond.wait_for(lk, budget + std::chrono::seconds(60), [&] { return done; })) return;
-        std::fprintf(stderr, "unload: no progress in cycle %d\n", cycle.load());
-        std::abort();
+    auto watchdog = std::make_unique<Watchdog>(budget + std::chrono::seconds(60), [&] {
+        return "unload: no progress in cycle " + std::to_string(cycle.load());
     });
 
     auto const start = std::chrono::steady_clock::now();
@@ -137,12 +127,7 @@ TEST_F(UnloadTest, LoadUseUnloadManyTimes) {
             << "still loaded after cycle " << cycle;
         ASSERT_EQ(workersEnded.load(), cycle + 1);  // joined at this unload
     }
-    {
-        std::lock_guard<std::mutex> lk(lock);
-        done = true;
-    }
-    cond.notify_all();
-    watchdog.join();
+    watchdog.reset();
     int const cycles = cycle;
     std::printf("unload: %d load/use/unload cycles in %.1f s, metadata handed to the worker in %d\n",
                 cycles,
