@@ -22,11 +22,11 @@ namespace {
 
 constexpr char const kDebuggeeName[] = "NSCam::v3::IFrameBufferManager";
 
+}  // namespace
+
 void appendIds(std::ostringstream& oss, std::set<StreamId_T> const& ids) {
     for (auto id : ids) oss << " " << id;
 }
-
-}  // namespace
 
 // =================================================================================================
 // Free functions and records

@@ -21,6 +21,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <iosfwd>
 #include <list>
 #include <map>
 #include <memory>
@@ -78,6 +79,8 @@ void releaseBuffer(std::shared_ptr<IMetaStreamBuffer>& buffer);
 
 // The text of an error number, for log lines.
 std::string errText(int err);
+// Appends " id" for each id, in the stream's current base: the id lists of log and dump lines.
+void appendIds(std::ostringstream& oss, std::set<StreamId_T> const& ids);
 
 // ---- allocation --------------------------------------------------------------------------------
 nivo::IImageBufferAllocator::ImgParam generateImgParam(IImageStreamInfo const* info);

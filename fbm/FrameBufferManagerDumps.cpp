@@ -70,7 +70,7 @@ void FrameBufferManagerImpl::dumpConfigStreams(IPrinter& printer) {
         for (auto const& group : *groups) {
             std::ostringstream oss;
             oss << "(" << std::hex;
-            for (auto id : group) oss << " " << id;
+            appendIds(oss, group);
             oss << " )";
             printer.printFormatLine("    %s", oss.str().c_str());
         }
