@@ -34,7 +34,7 @@ BufferHeapPool::~BufferHeapPool() {
     // Each wake-up is sent under the lock its waiter tests mExit with, so it cannot be missed.
     mExit = true;
     {
-        LockGuard<Mutex> lk(mAvailableLock);
+        LockGuard<Mutex> lk(mListLock);
         mAvailableCond.notifyOne();
     }
     {
@@ -43,20 +43,20 @@ BufferHeapPool::~BufferHeapPool() {
     }
     for (auto& f : mUpdateFutures) f.get();
     mUpdateFutures.clear();
-    {
-        LockGuard<Mutex> lk(mAvailableLock);
-        mAvailableBuf.clear();
-    }
+    std::list<Slot> available;  // its heaps are let go outside the lock
     std::ostringstream oss;
     size_t inUse = 0;
     {
-        LockGuard<Mutex> lk(mInUseLock);
+        LockGuard<Mutex> lk(mListLock);
+        available.swap(mAvailableBuf);
+        // The heaps still out are their holders' now; only their addresses are here.
         while (!mInUseBuf.empty()) {
-            oss << static_cast<void const*>(mInUseBuf.front().get()) << "; ";
+            oss << static_cast<void const*>(mInUseBuf.front().address) << "; ";
             mInUseBuf.pop_front();
         }
         inUse = mInUseBuf.size();  // read after draining: always 0, the heaps follow it
     }
+    available.clear();
     MY_LOGI("Pool(%s-%p) inUse(#%zu) not return to pool. %s", mPoolName.c_str(), this, inUse,
             oss.str().c_str());
 }
@@ -87,44 +87,42 @@ int32_t BufferHeapPool::allocateBuffers(char const* streamName, int64_t streamId
 
 int32_t BufferHeapPool::acquireFromPool(char const* callerName, HeapPtr& out) {
     MY_LOGD_IF(mLogLevel >= 1, "[%s]", callerName);
-    LockGuard<Mutex> lk(mPoolLock);
+    LockGuard<Mutex> lk(mListLock);
     return getBufferFromPool_l(callerName, out);
 }
 
-int32_t BufferHeapPool::getBufferFromPool_l(char const* callerName, HeapPtr& out) {
-    DualLocker lk(mAvailableLock, mInUseLock);
+inline int32_t BufferHeapPool::getBufferFromPool_l(char const* callerName, HeapPtr& out) {
     MY_LOGD_IF(mLogLevel >= 1, "[%s] available(#%zu) inUse(#%zu)", callerName,
                mAvailableBuf.size(), mInUseBuf.size());
     if (mAvailableBuf.empty()) return -ETIMEDOUT;
     mInUseBuf.splice(mInUseBuf.end(), mAvailableBuf, mAvailableBuf.begin());
-    out = mInUseBuf.back();
+    out = std::move(mInUseBuf.back().heap);
     return 0;
 }
 
 int32_t BufferHeapPool::releaseToPool(char const* callerName, HeapPtr&& heap) {
     MY_LOGD_IF(mLogLevel >= 1, "[%s]", callerName);
-    LockGuard<Mutex> lk(mPoolLock);
+    LockGuard<Mutex> lk(mListLock);
     return returnBufferToPool_l(callerName, heap);
 }
 
-int32_t BufferHeapPool::returnBufferToPool_l(char const* callerName, HeapPtr& heap) {
-    DualLocker lk(mAvailableLock, mInUseLock);
+inline int32_t BufferHeapPool::returnBufferToPool_l(char const* callerName, HeapPtr& heap) {
     auto it = mInUseBuf.begin();
     for (; it != mInUseBuf.end(); ++it) {
-        if (it->get() == heap.get()) break;
+        if (it->address == heap.get()) break;
     }
     if (it == mInUseBuf.end()) {
         MY_LOGE("[%s] fail to return buffer. available(#%zu) inUse(#%zu) buffer(%p)", callerName,
                 mAvailableBuf.size(), mInUseBuf.size(), heap.get());
         return -EINVAL;
     }
+    it->heap = std::move(heap);  // given back: only a refused heap stays with the caller
     mAvailableBuf.splice(mAvailableBuf.end(), mInUseBuf, it);
-    heap.reset();  // given back: only a refused heap stays with the caller
     mAvailableCond.notifyOne();
     heapAvailable();
     MY_LOGD_IF(mLogLevel >= 1, "[%s] successfully return buffer. available(#%zu) inUse(#%zu) buffer(%p)",
                callerName, mAvailableBuf.size(), mInUseBuf.size(),
-               static_cast<void const*>(mAvailableBuf.back().get()));
+               static_cast<void const*>(mAvailableBuf.back().address));
     return 0;
 }
 
@@ -162,7 +160,7 @@ int32_t BufferHeapPool::updateBufferCount(int32_t count) {
         MY_LOGD("notify existed updateBufferCount thread: pool(%s)", mPoolName.c_str());
         mUpdateCond.notifyOne();
         // A worker waiting to shed a heap looks at the new target too.
-        LockGuard<Mutex> lk(mAvailableLock);
+        LockGuard<Mutex> lk(mListLock);
         mAvailableCond.notifyOne();
     }
     return 0;
@@ -193,8 +191,9 @@ int32_t BufferHeapPool::workerLoop() {
             HeapPtr heap = mAllocator();
             if (heap) {
                 backOff = std::chrono::milliseconds(0);
-                LockGuard<Mutex> lk(mAvailableLock);
-                mAvailableBuf.push_back(std::move(heap));
+                nivo::IImageBufferHeap const* const address = heap.get();
+                LockGuard<Mutex> lk(mListLock);
+                mAvailableBuf.push_back({std::move(heap), address});
                 // Announced before the lock goes: a request that took this heap and waits for
                 // another must not be woken by this one's late news.
                 heapAvailable();
@@ -212,10 +211,10 @@ int32_t BufferHeapPool::workerLoop() {
         }
         if (mAllocatedCount > target) {
             {
-                LockGuard<Mutex> lk(mAvailableLock);
+                LockGuard<Mutex> lk(mListLock);
                 // Also woken by a new target (tested here under the lock it is signalled with).
                 if (mAvailableBuf.empty() && !mExit && mTargetSeq.load() == targetSeq) {
-                    mAvailableCond.wait(mAvailableLock);
+                    mAvailableCond.wait(mListLock);
                 }
             }
             // The target may have been raised during the wait: a heap freed against the old one
@@ -223,9 +222,9 @@ int32_t BufferHeapPool::workerLoop() {
             target = readTarget();
             HeapPtr freed;  // let go outside the lock
             if (mAllocatedCount > target) {
-                LockGuard<Mutex> lk(mAvailableLock);
+                LockGuard<Mutex> lk(mListLock);
                 if (!mAvailableBuf.empty()) {
-                    freed = std::move(mAvailableBuf.front());
+                    freed = std::move(mAvailableBuf.front().heap);
                     mAvailableBuf.pop_front();
                     --mAllocatedCount;
                 }
@@ -278,22 +277,19 @@ int32_t BufferHeapPool::getAllocatedBuffer(int32_t& out) const {
     return 0;
 }
 
-bool BufferHeapPool::isPoolWaitForRelease() const {
-    if (mLogLevel < 1 && !mDecreasePending.load(std::memory_order_acquire)) return false;
+bool BufferHeapPool::isPoolWaitForReleaseLocked() const {
+    char const* const fn = "isPoolWaitForRelease";
     LockGuard<Mutex> lk(mCountLock);
-    MY_LOGD_IF(mLogLevel >= 1, "[%s] mNeedDecreaseMaxBuffer = %d", mPoolName.c_str(),
-               mNeedDecreaseMaxBuffer);
+    MY_LOGD_IF_AS(mLogLevel >= 1, fn, "[%s] mNeedDecreaseMaxBuffer = %d", mPoolName.c_str(),
+                  mNeedDecreaseMaxBuffer);
     return mNeedDecreaseMaxBuffer > 0;
 }
 
 bool BufferHeapPool::isPoolNeedRelease(int32_t& needRelease) {
     size_t available, inUse;
     {
-        LockGuard<Mutex> lk(mAvailableLock);
+        LockGuard<Mutex> lk(mListLock);
         available = mAvailableBuf.size();
-    }
-    {
-        LockGuard<Mutex> lk(mInUseLock);
         inUse = mInUseBuf.size();
     }
     int32_t need;
@@ -329,14 +325,11 @@ void BufferHeapPool::dumpPool() const {
         << "max(#" << mAllocatedCount.load() << ") "
         << "min(#" << mMinInitBuffer << ") ";
     {
-        LockGuard<Mutex> lk(mAvailableLock);
+        LockGuard<Mutex> lk(mListLock);
         oss << "available(#" << mAvailableBuf.size() << "): ";
-        for (auto const& h : mAvailableBuf) oss << static_cast<void const*>(h.get()) << "; ";
-    }
-    {
-        LockGuard<Mutex> lk(mInUseLock);
+        for (auto const& s : mAvailableBuf) oss << static_cast<void const*>(s.address) << "; ";
         oss << "inUse(#" << mInUseBuf.size() << "): ";
-        for (auto const& h : mInUseBuf) oss << static_cast<void const*>(h.get()) << "; ";
+        for (auto const& s : mInUseBuf) oss << static_cast<void const*>(s.address) << "; ";
     }
     MY_LOGI("%s", oss.str().c_str());
 }

@@ -6,12 +6,15 @@
 // background worker per pool, which drives the pool towards a target count one heap per pass.
 //
 // Locks, outermost first:
-//   mPoolLock       serialises acquireFromPool and releaseToPool.
-//   mAvailableLock  guards mAvailableBuf; with mInUseLock always taken together (std::lock),
-//   mInUseLock      guards mInUseBuf;     except in isPoolNeedRelease, dumpPool and the destructor.
-//   mCountLock      guards the target and the pending decrease; never held with the list locks.
-//   mHeapWaitLock   the wait for a heap (waitForHeap); taken alone, or innermost.
-// A producer calls updateMaxBuffer with its mMapLock held, so every lock here comes after it.
+//   mListLock      guards both lists, which every acquire and release changes together.
+//   mCountLock     guards the target and the pending decrease; never held with mListLock.
+//   mHeapWaitLock  the wait for a heap (waitForHeap); taken alone, or innermost.
+// A producer calls in with its mMapLock held (updateMaxBuffer, releaseToPool), so every lock here
+// comes after it.
+//
+// Ownership: an available heap is held by the pool; an acquired one by the caller, its handle
+// moved out (the in-use list keeps only its address, for the dump and to know it when it comes
+// back); releaseToPool moves it in again.
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -44,20 +47,24 @@ public:
     // First sizing, effective once: starts the worker towards min(max, 4 or 7). -22 if min > max.
     int32_t allocateBuffers(char const* streamName, int64_t streamId, size_t max, size_t min);
     // 0 and the heap, or -110 when none is available (out untouched).
-    int32_t acquireFromPool(char const* callerName, HeapPtr& out) EXCLUDES(mPoolLock);
+    int32_t acquireFromPool(char const* callerName, HeapPtr& out) EXCLUDES(mListLock);
     // 0, or -22 when the heap is not in use from this pool (it stays with the caller).
-    int32_t releaseToPool(char const* callerName, HeapPtr&& heap) EXCLUDES(mPoolLock);
+    int32_t releaseToPool(char const* callerName, HeapPtr&& heap) EXCLUDES(mListLock);
     // Sets the target count and starts or wakes the worker. Always 0.
     int32_t updateBufferCount(int32_t count) EXCLUDES(mCountLock);
     // Changes the target; records how many heaps must be shed when it drops below the count made.
     int32_t updateMaxBuffer(int32_t& newMax) EXCLUDES(mCountLock);
     int32_t getMaxBuffer(int32_t& out) const EXCLUDES(mCountLock);
     int32_t getAllocatedBuffer(int32_t& out) const;
-    // A lowered maximum is pending: the available heaps are about to be freed.
-    bool isPoolWaitForRelease() const EXCLUDES(mCountLock);
+    // A lowered maximum is pending: the available heaps are about to be freed. Asked before every
+    // acquire: the usual answer, no, takes no lock.
+    bool isPoolWaitForRelease() const EXCLUDES(mCountLock) {
+        if (mLogLevel < 1 && !mDecreasePending.load(std::memory_order_acquire)) return false;
+        return isPoolWaitForReleaseLocked();
+    }
     // Whether the producer must make room; consumes the pending decrease. needRelease gets the
     // number of in-use heaps that must come back, when that is above 0.
-    bool isPoolNeedRelease(int32_t& needRelease) EXCLUDES(mCountLock, mAvailableLock, mInUseLock);
+    bool isPoolNeedRelease(int32_t& needRelease) EXCLUDES(mCountLock, mListLock);
     void dumpPool() const;
     char const* poolName() const { return mPoolName.c_str(); }
 
@@ -70,8 +77,14 @@ public:
     bool waitForHeap(uint64_t seen, std::chrono::nanoseconds slice) EXCLUDES(mHeapWaitLock);
 
 private:
-    int32_t getBufferFromPool_l(char const* callerName, HeapPtr& out) REQUIRES(mPoolLock);
-    int32_t returnBufferToPool_l(char const* callerName, HeapPtr& heap) REQUIRES(mPoolLock);
+    // A heap of the pool: its handle while available, only its address while in use.
+    struct Slot {
+        HeapPtr heap;
+        nivo::IImageBufferHeap const* address;
+    };
+    int32_t getBufferFromPool_l(char const* callerName, HeapPtr& out) REQUIRES(mListLock);
+    int32_t returnBufferToPool_l(char const* callerName, HeapPtr& heap) REQUIRES(mListLock);
+    bool isPoolWaitForReleaseLocked() const EXCLUDES(mCountLock);  // takes it
     int32_t workerLoop();
     // A heap was put on mAvailableBuf: wakes whoever waits for one (no pool lock needed).
     void heapAvailable() EXCLUDES(mHeapWaitLock);
@@ -79,11 +92,9 @@ private:
     int32_t mLogLevel;
     std::string mPoolName;
     HeapAllocator mAllocator;
-    Mutex mPoolLock ACQUIRED_BEFORE(mAvailableLock, mInUseLock);
-    mutable Mutex mAvailableLock;
-    mutable Mutex mInUseLock;
-    std::list<HeapPtr> mAvailableBuf GUARDED_BY(mAvailableLock);  // out at the front, in at the back
-    std::list<HeapPtr> mInUseBuf GUARDED_BY(mInUseLock);          // in acquisition order
+    mutable Mutex mListLock;
+    std::list<Slot> mAvailableBuf GUARDED_BY(mListLock);  // out at the front, in at the back
+    std::list<Slot> mInUseBuf GUARDED_BY(mListLock);      // in acquisition order
     bool mInitialized = false;  // configuring thread only
     std::atomic<bool> mExit{false};
     std::atomic<int32_t> mAllocatedCount{0};  // available + in use; changed by the worker only
@@ -91,7 +102,7 @@ private:
     int32_t mTargetMaxBuffer GUARDED_BY(mCountLock) = 0;
     int32_t mNeedDecreaseMaxBuffer GUARDED_BY(mCountLock) = 0;
     // Counts target changes (written under mCountLock): the worker's wait for a heap to shed
-    // tests it under mAvailableLock, which updateBufferCount takes to wake that wait.
+    // tests it under mListLock, which updateBufferCount takes to wake that wait.
     std::atomic<uint32_t> mTargetSeq{0};
     // Whether a decrease is pending, written with mNeedDecreaseMaxBuffer: the acquire path asks
     // on every buffer and need not take mCountLock for the usual answer, no.
@@ -99,7 +110,7 @@ private:
     // The worker's future. Written once (by the first updateBufferCount, on the configuring
     // thread) before any other thread can see the pool sized; then only read.
     std::vector<std::future<int32_t>> mUpdateFutures;
-    Condition mAvailableCond;  // a heap came back to mAvailableBuf; with mAvailableLock
+    Condition mAvailableCond;  // a heap came back to mAvailableBuf; with mListLock
     mutable Mutex mCountLock;
     Condition mUpdateCond;  // the target changed, or exit; with mCountLock
     // Requests waiting for a heap of this pool, whichever producer they came through. The count
