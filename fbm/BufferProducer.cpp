@@ -3,8 +3,10 @@
 
 #include "BufferProducer.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <sstream>
 #include <vector>
 
@@ -38,7 +40,7 @@ BufferProducer::BufferProducer(std::string name, std::shared_ptr<IImageStreamInf
     if (sharedProducer) {
         auto pool = sharedProducer->heapPool();
         LockGuard<Mutex> lk(mHeapPoolLock);
-        mHeapPool = std::move(pool);
+        setHeapPoolLocked(std::move(pool));
     }
 }
 
@@ -49,13 +51,19 @@ std::shared_ptr<BufferHeapPool> BufferProducer::heapPool() const {
     return mHeapPool;
 }
 
-// Unlocked, as they are cheap forwarding calls; the heap pool is set before the producer serves.
-char const* BufferProducer::poolName() const NO_THREAD_SAFETY_ANALYSIS {
-    return mHeapPool ? mHeapPool->poolName() : "";
+void BufferProducer::setHeapPoolLocked(std::shared_ptr<BufferHeapPool> pool) {
+    mRequestPool.store(pool.get(), std::memory_order_release);
+    mHeapPool = std::move(pool);
 }
 
-void BufferProducer::dumpPool() const NO_THREAD_SAFETY_ANALYSIS {
-    if (mHeapPool) mHeapPool->dumpPool();
+// Unlocked, as they are cheap forwarding calls; the heap pool is set before the producer serves.
+char const* BufferProducer::poolName() const {
+    BufferHeapPool const* pool = mRequestPool.load(std::memory_order_acquire);
+    return pool ? pool->poolName() : "";
+}
+
+void BufferProducer::dumpPool() const {
+    if (BufferHeapPool const* pool = mRequestPool.load(std::memory_order_acquire)) pool->dumpPool();
 }
 
 int32_t BufferProducer::initPool(char const*, size_t, size_t) { return -1; }
@@ -88,13 +96,13 @@ int32_t BufferProducer::allocatePoolBuffersLocked(HeapAllocator& allocator) {
     CAM_TRACE_NAME("allocatePoolBuffersLocked");
     // A deferred group's heap pool is made at the first trigger of any member, by the group's
     // first producer, and every member draws from it.
-    if (!mHeapPool && mGroupFirst) mHeapPool = mGroupFirst->groupHeapPool(allocator);
+    if (!mHeapPool && mGroupFirst) setHeapPoolLocked(mGroupFirst->groupHeapPool(allocator));
     if (!mHeapPool) {
         if (!allocator) {
             MY_LOGE("%s: cannot get allocator", toString().c_str());
             return -EINVAL;
         }
-        mHeapPool = std::make_shared<BufferHeapPool>(mName, allocator);
+        setHeapPoolLocked(std::make_shared<BufferHeapPool>(mName, allocator));
     }
     size_t max, min;
     {
@@ -113,7 +121,7 @@ int32_t BufferProducer::allocatePoolBuffersLocked(HeapAllocator& allocator) {
 
 std::shared_ptr<BufferHeapPool> BufferProducer::groupHeapPool(HeapAllocator& allocator) {
     LockGuard<Mutex> lk(mHeapPoolLock);
-    if (!mHeapPool && allocator) mHeapPool = std::make_shared<BufferHeapPool>(mName, allocator);
+    if (!mHeapPool && allocator) setHeapPoolLocked(std::make_shared<BufferHeapPool>(mName, allocator));
     return mHeapPool;
 }
 
@@ -144,13 +152,13 @@ int32_t BufferProducer::setBufferHeapPool(std::shared_ptr<BufferHeapPool> const&
     bool idle;
     {
         LockGuard<Mutex> lk(mMapLock);
-        idle = mSbToHeap.empty() && mHeapToSbs.empty();
+        idle = mSbIndex.size() == 0;
     }
     if (idle) {
         std::shared_ptr<BufferHeapPool> old;  // dropped after unlocking: it joins its worker
         LockGuard<Mutex> lk(mHeapPoolLock);
         old = std::move(mHeapPool);
-        mHeapPool = pool;
+        setHeapPoolLocked(pool);
         mInitialized = false;
         return 0;
     }
@@ -160,7 +168,7 @@ int32_t BufferProducer::setBufferHeapPool(std::shared_ptr<BufferHeapPool> const&
 }
 
 int32_t BufferProducer::acquireFromPool(char const* /*name*/, SbPtr& out, int64_t timeoutNs) {
-    auto pool = heapPool();
+    BufferHeapPool* const pool = mRequestPool.load(std::memory_order_acquire);
     if (!pool) {
         MY_LOGE("%s: Pool is null", toString().c_str());
         return -EINVAL;
@@ -204,108 +212,94 @@ int32_t BufferProducer::acquireFromPool(char const* /*name*/, SbPtr& out, int64_
         }
     }
 
+    // The handles move into the factory's arguments and the heap back out: a copy costs an atomic.
     SbPtr sb;
     {
-        Utils::MakeHalImageStreamBuffer arg{mStreamInfo, heap, shared_from_this(), nullptr};
+        Utils::MakeHalImageStreamBuffer arg{mStreamInfo, std::move(heap), shared_from_this(), nullptr};
         sb = Utils::makeHalImageStreamBuffer(arg);
+        heap = std::move(arg.heap);
     }
-    out = sb;
     if (!sb) {
+        out = nullptr;
         MY_LOGE("cannot new HalImageStreamBuffer. Something wrong...");
         // Nothing holds the heap now: back to its pool, or every such failure would shrink the
         // pool by one heap until teardown.
         returnHeapToPool(std::move(heap));
         return -ENOMEM;
     }
-    void const* const rawSb = sb.get();
     void const* const rawHeap = heap.get();
     size_t refCnt;
     {
         LockGuard<Mutex> lk(mMapLock);
-        if (!trackLocked(std::move(sb), std::move(heap), refCnt)) {
-            MY_FATAL("SB(%p) already exist, leak happend... Heap(%p)", rawSb, rawHeap);
+        uint32_t const index = newRecordLocked(std::move(heap));
+        if (!trackLocked(sb, index, refCnt)) {
+            MY_FATAL("SB(%p) already exist, leak happend... Heap(%p)", sb.get(), rawHeap);
         }
     }
-    MY_LOGD_IF(mLogLevel >= 2, "acquire - buffer:%p pHeap:%p (ref_cnt:%zu)", rawSb, rawHeap, refCnt);
+    MY_LOGD_IF(mLogLevel >= 2, "acquire - buffer:%p pHeap:%p (ref_cnt:%zu)", sb.get(), rawHeap, refCnt);
     if (mLogLevel > 2) {
         MY_LOGI("dump current in-use heaps and stream buffers");
         dump();
     }
+    out = std::move(sb);
     return 0;
 }
 
-template <class Node>
-void BufferProducer::keepNode(std::vector<Node>& cache, Node&& node) {
-    constexpr size_t kKept = 16;
-    if (cache.size() < kKept) cache.push_back(std::move(node));
+uint32_t BufferProducer::newRecordLocked(HeapPtr&& heap) {
+    uint32_t index;
+    if (mSpareRecords.empty()) {
+        index = static_cast<uint32_t>(mRecords.size());
+        mRecords.emplace_back();
+    } else {
+        index = mSpareRecords.back();
+        mSpareRecords.pop_back();
+    }
+    mRecords[index].heap = std::move(heap);
+    return index;
 }
 
-bool BufferProducer::trackLocked(SbPtr sb, HeapPtr heap, size_t& refCnt) {
-    if (mFreeSbNodes.empty()) {
-        auto r = mSbToHeap.emplace(sb, heap);
-        if (!r.second) return false;
-    } else {
-        auto node = std::move(mFreeSbNodes.back());
-        mFreeSbNodes.pop_back();
-        node.key() = sb;
-        node.mapped() = heap;
-        auto r = mSbToHeap.insert(std::move(node));
-        if (!r.inserted) return false;
-    }
-    auto heapIt = mHeapToSbs.find(heap);
-    if (heapIt == mHeapToSbs.end()) {
-        if (mFreeHeapNodes.empty()) {
-            heapIt = mHeapToSbs.emplace(std::move(heap), std::set<SbPtr>()).first;
-        } else {
-            auto node = std::move(mFreeHeapNodes.back());
-            mFreeHeapNodes.pop_back();
-            node.key() = std::move(heap);
-            heapIt = mHeapToSbs.insert(std::move(node)).position;
-        }
-    }
-    if (mFreeSetNodes.empty()) {
-        heapIt->second.insert(std::move(sb));
-    } else {
-        auto node = std::move(mFreeSetNodes.back());
-        mFreeSetNodes.pop_back();
-        node.value() = std::move(sb);
-        heapIt->second.insert(std::move(node));
-    }
-    refCnt = heapIt->second.size();
+bool BufferProducer::trackLocked(SbPtr const& sb, uint32_t index, size_t& refCnt) {
+    if (!mSbIndex.insert(sb.get(), index)) return false;
+    auto& sbs = mRecords[index].sbs;
+    sbs.push_back(sb);
+    refCnt = sbs.size();
     return true;
 }
 
 int32_t BufferProducer::releaseToPool(char const* /*name*/, SbPtr buffer) {
     HeapPtr heap;
+    void const* rawHeap;
+    SbPtr tracked;  // the producer's handle, let go after unlocking
     size_t refCnt;
     {
         LockGuard<Mutex> lk(mMapLock);
-        auto it = mSbToHeap.find(buffer);
-        if (it == mSbToHeap.end()) {
+        int64_t const index = mSbIndex.erase(buffer.get());
+        if (index < 0) {
             MY_FATAL("%s: SB(%p) not found!", toString().c_str(), buffer.get());
         }
-        auto sbNode = mSbToHeap.extract(it);
-        heap = std::move(sbNode.mapped());
-        sbNode.key().reset();  // the caller still holds the buffer
-        keepNode(mFreeSbNodes, std::move(sbNode));
-        auto hit = mHeapToSbs.find(heap);
-        if (hit == mHeapToSbs.end()) {
-            MY_FATAL("%s: Heap(%p) not found!", toString().c_str(), heap.get());
+        HeapRecord& record = mRecords[static_cast<size_t>(index)];
+        rawHeap = record.heap.get();
+        if (!record.heap) {
+            MY_FATAL("%s: Heap(%p) not found!", toString().c_str(), rawHeap);
         }
-        if (auto setNode = hit->second.extract(buffer)) {
-            setNode.value().reset();
-            keepNode(mFreeSetNodes, std::move(setNode));
+        auto& sbs = record.sbs;
+        for (auto& sb : sbs) {
+            if (sb == buffer) {
+                tracked = std::move(sb);
+                sb = std::move(sbs.back());  // the order within a record does not matter
+                sbs.pop_back();
+                break;
+            }
         }
-        refCnt = hit->second.size();
+        refCnt = sbs.size();
         if (refCnt == 0) {
-            auto heapNode = mHeapToSbs.extract(hit);
-            heapNode.key().reset();  // `heap` still holds it
-            keepNode(mFreeHeapNodes, std::move(heapNode));
+            heap = std::move(record.heap);
+            mSpareRecords.push_back(static_cast<uint32_t>(index));
         }
     }
     uint32_t const status = buffer->statusOf();
     MY_LOGD_IF((status & 1) || mLogLevel >= 2, "release - SB:%p status:%#x Heap:%p (ref_cnt:%zu)",
-               buffer.get(), status, heap.get(), refCnt);
+               buffer.get(), status, rawHeap, refCnt);
     if (mLogLevel > 2) {
         MY_LOGI("dump current in-use heaps and stream buffers");
         dump();
@@ -315,36 +309,35 @@ int32_t BufferProducer::releaseToPool(char const* /*name*/, SbPtr buffer) {
     return returnHeapToPool(std::move(heap));
 }
 
-int32_t BufferProducer::returnHeapToPool(HeapPtr heap) {
-    LockGuard<Mutex> lk(mHeapPoolLock);
-    if (!mHeapPool) {
+inline int32_t BufferProducer::returnHeapToPool(HeapPtr&& heap) {
+    BufferHeapPool* const pool = mRequestPool.load(std::memory_order_acquire);
+    if (!pool) {
         MY_LOGE_AS("releaseToPool", "%s: Pool is null", toString().c_str());
         return -EINVAL;
     }
-    mHeapPool->releaseToPool(mStreamInfo->streamName(), std::move(heap));  // wakes its waiters
+    pool->releaseToPool(mStreamInfo->streamName(), std::move(heap));  // wakes its waiters
     return 0;
 }
 
 BufferProducer::SbPtr BufferProducer::shareSB(SbPtr const& source) {
     SbPtr sb;
-    HeapPtr heap;
     size_t refCnt;
     {
         LockGuard<Mutex> lk(mMapLock);
-        auto it = mSbToHeap.find(source);
-        if (it == mSbToHeap.end()) {
+        int64_t const index = mSbIndex.find(source.get());
+        if (index < 0 || !source) {
             auto info = source ? source->streamInfoOf() : nullptr;
             MY_LOGE("%s: SB(%p:%s) not in here.", toString().c_str(), source.get(),
                     info ? info->streamName() : "");
             return nullptr;
         }
-        heap = it->second;
-        sb = Utils::makeHalImageStreamBuffer({mStreamInfo, heap, shared_from_this(), nullptr});
-        if (!trackLocked(sb, heap, refCnt)) {
-            MY_FATAL("SB(%p) already exist, leak happend... Heap(%p)", sb.get(), heap.get());
+        HeapRecord& record = mRecords[static_cast<size_t>(index)];
+        sb = Utils::makeHalImageStreamBuffer({mStreamInfo, record.heap, shared_from_this(), nullptr});
+        if (!trackLocked(sb, static_cast<uint32_t>(index), refCnt)) {
+            MY_FATAL("SB(%p) already exist, leak happend... Heap(%p)", sb.get(), record.heap.get());
         }
         MY_LOGD_IF(mLogLevel >= 2, "%s: Heap(%p) sourceSb(%p) targetSb(%p) (ref_cnt:%zu)",
-                   toString().c_str(), heap.get(), source.get(), sb.get(), refCnt);
+                   toString().c_str(), record.heap.get(), source.get(), sb.get(), refCnt);
     }
     if (mLogLevel >= 3) {
         MY_LOGI("dump current in-use heaps and stream buffers");
@@ -354,18 +347,20 @@ BufferProducer::SbPtr BufferProducer::shareSB(SbPtr const& source) {
 }
 
 void BufferProducer::clear() {
-    std::map<HeapPtr, std::set<SbPtr>> heapToSbs;
-    std::map<SbPtr, HeapPtr> sbToHeap;
+    std::vector<HeapRecord> records;
     {
         LockGuard<Mutex> lk(mMapLock);
-        heapToSbs.swap(mHeapToSbs);
-        sbToHeap.swap(mSbToHeap);
+        records.swap(mRecords);
+        mSpareRecords.clear();
+        mSbIndex.clear();
     }
     // Heaps go back lowest address first; the buffers are let go outside the lock.
-    for (auto& [heap, sbs] : heapToSbs) {
-        if (sbs.empty()) continue;
-        LockGuard<Mutex> lk(mHeapPoolLock);
-        if (mHeapPool) mHeapPool->releaseToPool(mStreamInfo->streamName(), HeapPtr(heap));
+    std::sort(records.begin(), records.end(), [](HeapRecord const& a, HeapRecord const& b) {
+        return std::less<>()(a.heap.get(), b.heap.get());
+    });
+    BufferHeapPool* const pool = mRequestPool.load(std::memory_order_acquire);
+    for (auto& record : records) {
+        if (record.heap && pool) pool->releaseToPool(mStreamInfo->streamName(), std::move(record.heap));
     }
 }
 
@@ -378,22 +373,100 @@ std::string BufferProducer::toString() const {
 
 void BufferProducer::dump() const {
     if (NSCam::Utils::ULog::ulogInfoOn()) {
-        std::ostringstream oss;
-        size_t heaps, sbs;
+        // Copied out as addresses and sorted here, so the hot path keeps no order.
+        std::vector<std::pair<void const*, std::vector<void const*>>> heaps;
+        size_t sbs;
         {
             LockGuard<Mutex> lk(mMapLock);
-            for (auto const& [heap, set] : mHeapToSbs) {
-                oss << "(" << static_cast<void const*>(heap.get()) << "){";
-                for (auto const& sb : set) oss << static_cast<void const*>(sb.get()) << ".";
-                oss << "}#" << set.size() << "; ";
+            for (auto const& record : mRecords) {
+                if (!record.heap) continue;
+                heaps.emplace_back(record.heap.get(), std::vector<void const*>());
+                for (auto const& sb : record.sbs) heaps.back().second.push_back(sb.get());
             }
-            heaps = mHeapToSbs.size();
-            sbs = mSbToHeap.size();
+            sbs = mSbIndex.size();
         }
-        MY_LOGI("%s InUse(Heap#%zu){Sb#%zu}: %s", toString().c_str(), heaps, sbs, oss.str().c_str());
+        std::sort(heaps.begin(), heaps.end(), [](auto const& a, auto const& b) {
+            return std::less<>()(a.first, b.first);
+        });
+        std::ostringstream oss;
+        for (auto& [heap, set] : heaps) {
+            std::sort(set.begin(), set.end(), std::less<>());
+            oss << "(" << heap << "){";
+            for (void const* sb : set) oss << sb << ".";
+            oss << "}#" << set.size() << "; ";
+        }
+        MY_LOGI("%s InUse(Heap#%zu){Sb#%zu}: %s", toString().c_str(), heaps.size(), sbs, oss.str().c_str());
     }
-    auto pool = heapPool();
-    if (pool) pool->dumpPool();
+    dumpPool();
+}
+
+// ---- the index of stream buffers ---------------------------------------------------------------
+
+size_t BufferProducer::SbIndex::home(void const* sb) const {
+    // Fibonacci hashing: the high bits of the product spread addresses that differ only in
+    // their low, allocation-aligned bits.
+    uint64_t const h = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(sb)) * 0x9E3779B97F4A7C15ull;
+    return static_cast<size_t>(h >> 32) & (mSlots.size() - 1);
+}
+
+bool BufferProducer::SbIndex::insert(void const* sb, uint32_t record) {
+    if ((mCount + 1) * 2 > mSlots.size()) grow();
+    size_t const mask = mSlots.size() - 1;
+    for (size_t i = home(sb);; i = (i + 1) & mask) {
+        if (mSlots[i].sb == sb) return false;
+        if (mSlots[i].sb == nullptr) {
+            mSlots[i] = {sb, record};
+            ++mCount;
+            return true;
+        }
+    }
+}
+
+int64_t BufferProducer::SbIndex::find(void const* sb) const {
+    if (mSlots.empty() || sb == nullptr) return -1;
+    size_t const mask = mSlots.size() - 1;
+    for (size_t i = home(sb);; i = (i + 1) & mask) {
+        if (mSlots[i].sb == sb) return mSlots[i].record;
+        if (mSlots[i].sb == nullptr) return -1;
+    }
+}
+
+int64_t BufferProducer::SbIndex::erase(void const* sb) {
+    if (mSlots.empty() || sb == nullptr) return -1;
+    size_t const mask = mSlots.size() - 1;
+    size_t i = home(sb);
+    while (mSlots[i].sb != sb) {
+        if (mSlots[i].sb == nullptr) return -1;
+        i = (i + 1) & mask;
+    }
+    uint32_t const record = mSlots[i].record;
+    // Shifts back every later entry of the run that may sit in the freed slot, so that each
+    // stays reachable from its home without a tombstone.
+    for (size_t j = (i + 1) & mask; mSlots[j].sb != nullptr; j = (j + 1) & mask) {
+        size_t const k = home(mSlots[j].sb);
+        bool const between = i <= j ? (i < k && k <= j) : (i < k || k <= j);
+        if (!between) {
+            mSlots[i] = mSlots[j];
+            i = j;
+        }
+    }
+    mSlots[i] = Slot();
+    --mCount;
+    return record;
+}
+
+void BufferProducer::SbIndex::clear() {
+    std::fill(mSlots.begin(), mSlots.end(), Slot());
+    mCount = 0;
+}
+
+void BufferProducer::SbIndex::grow() {
+    std::vector<Slot> old(std::max<size_t>(16, mSlots.size() * 2));
+    old.swap(mSlots);
+    mCount = 0;
+    for (Slot const& slot : old) {
+        if (slot.sb != nullptr) insert(slot.sb, slot.record);
+    }
 }
 
 }  // namespace NSCam::v3::pipeline

@@ -11,18 +11,20 @@
 // Ownership: made only through std::make_shared (it hands shared handles of itself to the stream
 // buffers it makes, which keep it alive until released); it holds its heap pool.
 //
-// Locks: mHeapPoolLock (heap pool handle, mInitialized) before mMapLock (counts and
-// maps), nested only while the pool is first sized (initProducer). A group member's mHeapPoolLock
-// is held while it takes its group's first producer's (groupHeapPool); never the other way. The
-// release callback is called with no lock held: it may release buffers, re-entering
-// releaseToPool of this or another producer on the same thread.
+// Locks: mHeapPoolLock (heap pool handle, mInitialized) before mMapLock (counts and the
+// records of heaps in use), nested only while the pool is first sized (initProducer). A group
+// member's mHeapPoolLock is held while it takes its group's first producer's (groupHeapPool);
+// never the other way. The release callback is called with no lock held: it may release buffers,
+// re-entering releaseToPool of this or another producer on the same thread.
+//
+// Requests and releases reach the heap pool through mRequestPool, read without a lock: the heap
+// pool is set by configuration calls (initProducer, setBufferHeapPool) on the configuring thread,
+// which must not overlap a request on this producer.
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -86,31 +88,59 @@ private:
     std::shared_ptr<BufferHeapPool> groupHeapPool(HeapAllocator& allocator) EXCLUDES(mHeapPoolLock);
     std::shared_ptr<BufferHeapPool> heapPool() const EXCLUDES(mHeapPoolLock);
     // Gives a heap nobody uses any more back to the heap pool (which wakes its waiters).
-    int32_t returnHeapToPool(HeapPtr heap) EXCLUDES(mHeapPoolLock);
-    // Tracks `sb` over `heap`; false when `sb` is already tracked.
-    bool trackLocked(SbPtr sb, HeapPtr heap, size_t& refCnt) REQUIRES(mMapLock);
-    template <class Node>
-    static void keepNode(std::vector<Node>& cache, Node&& node);
+    int32_t returnHeapToPool(HeapPtr&& heap);
+    void setHeapPoolLocked(std::shared_ptr<BufferHeapPool> pool) REQUIRES(mHeapPoolLock);
+    // Tracks `sb` over the heap of record `index`; false when `sb` is already tracked.
+    bool trackLocked(SbPtr const& sb, uint32_t index, size_t& refCnt) REQUIRES(mMapLock);
+    // A record for `heap`, a spare one if there is one.
+    uint32_t newRecordLocked(HeapPtr&& heap) REQUIRES(mMapLock);
+
+    // A heap in use and the stream buffers over it (their number is its "ref_cnt"). A record
+    // without a heap is spare: records, and the capacity of their vectors, are reused.
+    struct HeapRecord {
+        HeapPtr heap;
+        std::vector<SbPtr> sbs;
+    };
+    // The record of each tracked stream buffer, by its address: open addressing with linear
+    // probing and deletion by backward shift, so a steady flow neither allocates nor leaves
+    // tombstones behind.
+    class SbIndex {
+    public:
+        bool insert(void const* sb, uint32_t record);  // false when already there
+        int64_t find(void const* sb) const;            // the record, or -1
+        int64_t erase(void const* sb);                 // the record it had, or -1
+        size_t size() const { return mCount; }
+        void clear();
+
+    private:
+        struct Slot {
+            void const* sb = nullptr;
+            uint32_t record = 0;
+        };
+        size_t home(void const* sb) const;
+        void grow();
+        std::vector<Slot> mSlots;  // a power of two, at most half full
+        size_t mCount = 0;
+    };
 
     int32_t mLogLevel;
     std::string mName;
     mutable Mutex mHeapPoolLock ACQUIRED_BEFORE(mMapLock);
     std::shared_ptr<IImageStreamInfo> mStreamInfo;
     // Written by construction, initProducer and setBufferHeapPool (configuring thread, under the
-    // lock); poolName and dumpPool read it without the lock, as they must stay cheap.
+    // lock), always with mRequestPool.
     std::shared_ptr<BufferHeapPool> mHeapPool GUARDED_BY(mHeapPoolLock);
+    std::atomic<BufferHeapPool*> mRequestPool{nullptr};  // mHeapPool's, kept alive by it
     bool mInitialized GUARDED_BY(mHeapPoolLock) = false;
     mutable Mutex mMapLock;
     size_t mMaxBufferCount GUARDED_BY(mMapLock) = 0;
     size_t mMinInitBufferCount GUARDED_BY(mMapLock) = 0;
-    std::map<SbPtr, HeapPtr> mSbToHeap GUARDED_BY(mMapLock);
-    std::map<HeapPtr, std::set<SbPtr>> mHeapToSbs GUARDED_BY(mMapLock);  // set size: "ref_cnt"
+    // The heaps in use, as many records as the most heaps ever in use at once; printed in address
+    // order by the dump, which sorts a copy.
+    std::vector<HeapRecord> mRecords GUARDED_BY(mMapLock);
+    std::vector<uint32_t> mSpareRecords GUARDED_BY(mMapLock);
+    SbIndex mSbIndex GUARDED_BY(mMapLock);
     ReleaseCallback mReleaseCallback;
-    // Emptied nodes of the maps, kept for the next acquire: a steady acquire and release cycle
-    // then allocates nothing here. Members added after the declared ones; guarded by mMapLock.
-    std::vector<std::map<SbPtr, HeapPtr>::node_type> mFreeSbNodes GUARDED_BY(mMapLock);
-    std::vector<std::map<HeapPtr, std::set<SbPtr>>::node_type> mFreeHeapNodes GUARDED_BY(mMapLock);
-    std::vector<std::set<SbPtr>::node_type> mFreeSetNodes GUARDED_BY(mMapLock);
     // The first producer of this one's pool-shared group (empty for the first and for a stream of
     // its own): where a deferred group's one heap pool is made.
     std::shared_ptr<BufferProducer> const mGroupFirst;
