@@ -125,6 +125,7 @@ public:
         uint32_t requestNo = 0;
         int64_t timestamp = 0;  // the first positive timestamp a result brought; 0 until then
         std::vector<std::shared_ptr<IImageStreamBuffer>> halImage;  // kept so far
+        std::vector<StreamId_T> halImageIds;  // their streams, for the ready list's counters
         std::vector<std::shared_ptr<IMetaStreamBuffer>> halMeta;
         std::vector<std::shared_ptr<IMetaStreamBuffer>> appMeta;
         std::shared_ptr<TrackFrameResultParams const> trackParams;
@@ -224,6 +225,13 @@ public:
                        std::vector<std::shared_ptr<IMetaStreamBuffer>>& out);
     void addCopiedMetas(std::vector<std::shared_ptr<IMetaStreamBuffer>> const& in,
                         std::vector<std::shared_ptr<IMetaStreamBuffer>>& out);
+    // The same, for a buffer whose stream the caller has already asked for (a buffer's stream
+    // info is a call, a lock and a handle copy of the platform's).
+    void addSharedImage(StreamId_T streamId, std::shared_ptr<IImageStreamBuffer>&& buffer,
+                        std::vector<std::shared_ptr<IImageStreamBuffer>>& out);
+    void addCopiedMeta(std::shared_ptr<IMetaStreamInfo const>&& info,
+                       std::shared_ptr<IMetaStreamBuffer>&& buffer,
+                       std::vector<std::shared_ptr<IMetaStreamBuffer>>& out);
 
     // Release
     template <class BufferSet>

@@ -262,9 +262,12 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
             if (result.halImage != nullptr) {
                 auto& list = *result.halImage;
                 for (auto b = list.begin(); b != list.end();) {
-                    if (*b && track.halImage.count((*b)->streamInfoOf()->streamId()) != 0) {
+                    StreamId_T const id = *b ? (*b)->streamInfoOf()->streamId() : 0;
+                    if (*b && track.halImage.count(id) != 0) {
                         note(*b, "(O) ");
-                        addSharedImage(std::move(*b), set.halImage);
+                        size_t const kept = set.halImage.size();
+                        addSharedImage(id, std::move(*b), set.halImage);
+                        if (set.halImage.size() != kept) set.halImageIds.push_back(id);
                         --set.remaining;
                         b = list.erase(b);
                     } else {
@@ -277,9 +280,10 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
                                  std::vector<std::shared_ptr<IMetaStreamBuffer>>& out) {
                 if (list == nullptr) return;
                 for (auto b = list->begin(); b != list->end();) {
-                    if (*b && tracked.count((*b)->streamInfoOf()->streamId()) != 0) {
+                    auto info = *b ? (*b)->streamInfoOf() : nullptr;
+                    if (info && tracked.count(info->streamId()) != 0) {
                         note(*b, "(O) ");
-                        addCopiedMeta(std::move(*b), out);
+                        addCopiedMeta(std::move(info), std::move(*b), out);
                         --set.remaining;
                         b = list->erase(b);
                     } else {
@@ -357,7 +361,7 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
             hbs->halImage.swap(done.halImage);
             hbs->halMeta.swap(done.halMeta);
             hbs->appMeta.swap(done.appMeta);
-            increaseReadyCounters(*hbs, 1);
+            for (StreamId_T id : done.halImageIds) mReadyStreamCounters[poolKeyOf(id)] += 1;
             if (line) *line += " => move to ReadyList";
         }
         recycleInFlightSets(doneNode);
@@ -368,6 +372,7 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
 void FrameBufferManagerImpl::recycleInFlightSets(std::list<InFlightBufferSet>& sets) {
     for (auto& set : sets) {
         set.halImage.clear();  // released or moved on: only empty handles are left
+        set.halImageIds.clear();
         set.halMeta.clear();
         set.appMeta.clear();
         set.trackParams.reset();
@@ -428,15 +433,22 @@ void FrameBufferManagerImpl::enableFrameResultRecyclable(uint32_t frameNo, bool 
 
 void FrameBufferManagerImpl::addSharedImage(std::shared_ptr<IImageStreamBuffer>&& buffer,
                                             std::vector<std::shared_ptr<IImageStreamBuffer>>& out) {
-    auto info = buffer->streamInfoOf();
-    StreamId_T const streamId = info->streamId();
+    StreamId_T const streamId = buffer->streamInfoOf()->streamId();
+    addSharedImage(streamId, std::move(buffer), out);
+}
+
+void FrameBufferManagerImpl::addSharedImage(StreamId_T streamId,
+                                            std::shared_ptr<IImageStreamBuffer>&& buffer,
+                                            std::vector<std::shared_ptr<IImageStreamBuffer>>& out) {
     auto config = queryConfigImageStream(streamId);
     if (config && config->attribute == eHAL_IMAGE_POOL && config->pPool) {
         if (auto shared = config->pPool->shareSB(buffer)) out.push_back(std::move(shared));
         return;
     }
-    MY_LOGW("Fail to share image (%#lx:%s, attribute:%s) ", static_cast<long>(streamId),
-            info->streamName(), config ? toString(config->attribute).c_str() : "(not configured)");
+    char const* const fn = "addSharedImage";
+    MY_LOGW_AS(fn, "Fail to share image (%#lx:%s, attribute:%s) ", static_cast<long>(streamId),
+               buffer->streamInfoOf()->streamName(),
+               config ? toString(config->attribute).c_str() : "(not configured)");
 }
 
 void FrameBufferManagerImpl::addSharedImages(std::vector<std::shared_ptr<IImageStreamBuffer>> const& in,
@@ -449,17 +461,23 @@ void FrameBufferManagerImpl::addSharedImages(std::vector<std::shared_ptr<IImageS
 
 void FrameBufferManagerImpl::addCopiedMeta(std::shared_ptr<IMetaStreamBuffer>&& buffer,
                                            std::vector<std::shared_ptr<IMetaStreamBuffer>>& out) {
-    auto info = buffer->streamInfoOf();
+    addCopiedMeta(buffer->streamInfoOf(), std::move(buffer), out);
+}
+
+void FrameBufferManagerImpl::addCopiedMeta(std::shared_ptr<IMetaStreamInfo const>&& info,
+                                           std::shared_ptr<IMetaStreamBuffer>&& buffer,
+                                           std::vector<std::shared_ptr<IMetaStreamBuffer>>& out) {
+    char const* const fn = "addCopiedMeta";
     StreamId_T const streamId = info->streamId();
     IMetadata* locked = buffer->tryReadLockMeta(LOG_TAG);
-    if (locked == nullptr) MY_FATAL("fail to lock metaSB(%#lx)", static_cast<long>(streamId));
-    IMetadata copy(*locked);  // the source stays locked only for the copy
+    if (locked == nullptr) MY_FATAL_AS(fn, "fail to lock metaSB(%#lx)", static_cast<long>(streamId));
+    // The factory's copy is the only one: the source stays locked for it, and no longer.
+    auto kept = Utils::makeHalMetaStreamBuffer({std::move(info), locked});
     buffer->unlockMeta(LOG_TAG, locked);
-    auto kept = Utils::makeHalMetaStreamBuffer({info, &copy});
     if (kept) {
         out.push_back(std::move(kept));
     } else {
-        MY_LOGW("Fail to copy meta (%#lx)", static_cast<long>(streamId));
+        MY_LOGW_AS(fn, "Fail to copy meta (%#lx)", static_cast<long>(streamId));
     }
 }
 
