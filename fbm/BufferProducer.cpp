@@ -397,7 +397,9 @@ void BufferProducer::dump() const {
         }
         MY_LOGI("%s InUse(Heap#%zu){Sb#%zu}: %s", toString().c_str(), heaps.size(), sbs, oss.str().c_str());
     }
-    dumpPool();
+    // Under the lock that sizing holds: a dump racing a deferred pool's first trigger sees no
+    // pool or a sized one.
+    if (auto pool = heapPool()) pool->dumpPool();
 }
 
 // ---- the index of stream buffers ---------------------------------------------------------------
