@@ -1,5 +1,10 @@
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <fstream>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -306,6 +311,61 @@ TEST_F(HeapPoolTest, DestroyingAPoolEndsAWaitingOrRetryingWorker) {
         ASSERT_TRUE(waitForLine("do_construct allocate buffer failed"));
     }
     EXPECT_EQ(androidCount("updateBufferCount thread - "), 2u);
+}
+
+// Whether thread `tid` of this process sleeps (blocked in the kernel, as on a futex). True when
+// that cannot be read, so a caller waiting for it never waits for ever.
+bool threadSleeps(pid_t tid) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string text;
+    if (!std::getline(stat, text)) return true;
+    auto const close = text.rfind(')');  // the state follows the name, which may hold anything
+    return close == std::string::npos || text.compare(close + 1, 3, " S ") == 0;
+}
+
+// The worker, done with a target, parks unless told to exit. A destructor that sets the exit
+// flag and wakes nobody (the worker is not waiting yet) just before the worker parks must still
+// end it: the worker reads the flag under the lock it parks with.
+TEST_F(HeapPoolTest, DestroyingAPoolAsItsWorkerGoesToParkEndsIt) {
+    auto pool = makePool();
+    std::mutex m;
+    std::condition_variable cv;
+    bool held = false, go = false;
+    host::LogCapture::setLineHook([&](std::string const& line) {
+        if (line.find("updateBufferCount: [pool] done") == std::string::npos) return;
+        std::unique_lock<std::mutex> lk(m);
+        held = true;  // the worker stops here, on its way to park
+        cv.notify_all();
+        cv.wait(lk, [&] { return go; });
+    });
+    ASSERT_EQ(pool->allocateBuffers("s", 1, 1, 1), 0);
+    {
+        std::unique_lock<std::mutex> lk(m);
+        ASSERT_TRUE(cv.wait_for(lk, std::chrono::seconds(10), [&] { return held; }));
+    }
+    std::atomic<pid_t> destroyerTid{0};
+    std::thread destroyer([&] {
+        destroyerTid = static_cast<pid_t>(::syscall(SYS_gettid));
+        pool.reset();  // sets the flag, wakes nobody, then waits for the worker to end
+    });
+    {
+        Watchdog dog(std::chrono::seconds(20), [] { return "the destroying thread never blocked"; });
+        while (destroyerTid == 0 || !threadSleeps(destroyerTid)) std::this_thread::yield();
+    }
+    {
+        std::lock_guard<std::mutex> lk(m);
+        go = true;
+    }
+    cv.notify_all();
+    {
+        Watchdog dog(std::chrono::seconds(20), [] {
+            return "DestroyingAPoolAsItsWorkerGoesToParkEndsIt: the pool's worker parked after its "
+                   "destructor had set the exit flag; the destructor waits for it for ever";
+        });
+        destroyer.join();
+    }
+    host::LogCapture::setLineHook(nullptr);
+    EXPECT_EQ(androidCount("updateBufferCount thread - "), 1u);
 }
 
 }  // namespace

@@ -38,6 +38,8 @@ TEST_F(ReleaseTest, StarvingPoolIsFedByTheOldestRecyclableSet) {
     EXPECT_EQ(mManager->readyFrames(), std::vector<uint32_t>{1});
     EXPECT_EQ(mManager->readyCounters()[kPreview], 1);
     EXPECT_EQ(androidCount("retry(#"), 0u);
+    // The released set's buffer is gone, not kept by the list node saved for the next frames.
+    EXPECT_EQ(host::StreamBufferFactory::imageAlive(), 2);  // the request's and frame 1's
     releaseEverythingAndCheck({&sb});
 }
 
@@ -68,6 +70,7 @@ TEST_F(ReleaseTest, CountRulesOfASingleStreamPool) {
     // Three sets released, oldest first; a batch of up to 4 still goes on to the failure step.
     mManager->tryReleaseHistoryBufferSets(kPreview, 3, true);
     EXPECT_EQ(mManager->readyFrames(), (std::vector<uint32_t>{4, 5, 6, 7, 8}));
+    EXPECT_EQ(host::StreamBufferFactory::imageAlive(), 5);
     EXPECT_EQ(androidCount("stream(0x1), release bufferHeap count(3), release bufferSet count(3)"), 1u);
     EXPECT_EQ(androidCount("[tryReleaseHistoryBufferSets] stream(0x1): no {1 } in ReadyList"), 1u);
     EXPECT_GE(androidCount("InUse(Heap#"), 1u);  // the pools were dumped to the log

@@ -55,6 +55,12 @@ TEST_F(RequestTest, PooledBufferTakesTheRequestsInfoOrFallsBackOnALayoutChange) 
                            "alloc layout change"),
               1u);
     EXPECT_EQ(runtime->streamInfoOf().get(), wide.get());
+    // Another format alone, with the pool's planes: not the pool's layout either.
+    auto nv21 = imageInfo({.id = kPreview, .name = "preview-nv21", .format = 0x11, .max = 2, .min = 2});
+    auto [err5, other] = request(kPreview, 1, nv21);
+    ASSERT_EQ(err5, 0);
+    EXPECT_EQ(host::HeapFactory::created(), created + 2);
+    EXPECT_EQ(androidCount("POOL -> RUNTIME due to alloc layout change"), 2u);
     mManager->getBufferPoolMaxBufCount(kPreview, max, allocated);
     EXPECT_EQ(allocated, 2);
 
@@ -68,7 +74,7 @@ TEST_F(RequestTest, PooledBufferTakesTheRequestsInfoOrFallsBackOnALayoutChange) 
     auto [err4, b4] = request(kJpeg, 2, jpegBig);
     EXPECT_EQ(err4, 0);
     EXPECT_EQ(mAppProvider->calls, 1);
-    releaseEverythingAndCheck({&pooled, &runtime, &b3, &b4});
+    releaseEverythingAndCheck({&pooled, &runtime, &other, &b3, &b4});
 }
 
 TEST_F(RequestTest, ErrorsOfEachSource) {

@@ -254,7 +254,11 @@ TEST_F(ResultsTest, SelectionKeepsReleasesAndCounts) {
     ASSERT_EQ(clone.halImage.size(), 1u);
     EXPECT_NE(clone.halImage[0], s3.halImage[0]);
     EXPECT_EQ(clone.halImage[0]->imageBufferHeap(), s3.halImage[0]->imageBufferHeap());
-    EXPECT_EQ(clone.halMeta.size(), 1u);
+    // Both metadata copied: buffers of their own.
+    ASSERT_EQ(clone.halMeta.size(), 1u);
+    ASSERT_EQ(clone.appMeta.size(), 1u);
+    EXPECT_NE(clone.halMeta[0], s3.halMeta[0]);
+    EXPECT_NE(clone.appMeta[0], s3.appMeta[0]);
     // The selector owns what it kept: it releases it.
     mManager->releaseOneBufferSet(s3);
     mManager->releaseOneBufferSet(clone);

@@ -39,13 +39,24 @@ std::vector<DocKey> documentedKeys() {
     return out;
 }
 
-// A small valid scenario, with `extra` ("\"key\": value") placed in the object `object`.
+// A small valid scenario, with `extra` ("\"key\": value") placed in the object `object`, where it
+// replaces the scenario's own value of that key (a key may be given once).
 std::string scenarioWith(std::string const& object, std::string const& extra) {
     std::string const sep = extra.empty() ? "" : ", ";
+    // The object's own fields, but the one `extra` gives, then `extra`.
+    auto const with = [&](std::vector<std::pair<std::string, std::string>> const& fields) {
+        std::string out;
+        for (auto const& [key, value] : fields) {
+            if (extra.rfind("\"" + key + "\":", 0) != 0) out += (out.empty() ? "" : ", ") + ("\"" + key + "\": ") + value;
+        }
+        return "{" + out + (extra.empty() || out.empty() ? "" : ", ") + extra + "}";
+    };
     std::string const image = R"({"name": "a", "id": 1)";
     if (object == "scenario") return R"({"images": [)" + image + "}]" + sep + extra + "}";
-    if (object == "images[]") return R"({"images": [)" + image + sep + extra + "}]}";
-    if (object == "metas[]") return R"({"images": [)" + image + R"(}], "metas": [{"name": "m", "id": 256)" + sep + extra + "}]}";
+    if (object == "images[]") return R"({"images": [)" + with({{"name", "\"a\""}, {"id", "1"}}) + "]}";
+    if (object == "metas[]") {
+        return R"({"images": [)" + image + R"(}], "metas": [)" + with({{"name", "\"m\""}, {"id", "256"}}) + "]}";
+    }
     if (object == "selector") return R"({"images": [)" + image + R"(}], "selector": {)" + extra + "}}";
     if (object == "poolChanges[]") return R"({"images": [)" + image + R"(}], "poolChanges": [{"stream": 1)" + sep + extra + "}]}";
     return R"({"pipelines": [{"images": [)" + image + "}]}]" + sep + extra + "}";

@@ -70,6 +70,16 @@ TEST(SimulatorInput, NumbersAreCheckedBeforeTheyAreConverted) {
               "scenario.fps: must be a number from 0.1 to 1000 (got 1e-300)"},
              {R"({"images": [{"name": "a", "id": 1}], "properties": {"x": 1099511627776}})",
               "scenario.properties.x: must be an integer from -2147483648 to 2147483647 (got 1099511627776)"},
+             // What a reader of the file would not mean: a key twice (the second would win), a
+             // change of a pool the pipeline cannot change, a time-out below zero.
+             {R"({"frames": 5, "images": [{"name": "a", "id": 1}], "frames": 7})",
+              "key \"frames\" is given twice in one object"},
+             {R"({"images": [{"name": "a", "id": 1, "source": "runtime"}], "poolChanges": [{"stream": 1}]})",
+              "scenario.poolChanges[0].stream: is a RUNTIME stream: only a pool stream's maximum can be changed"},
+             {R"({"images": [{"name": "a", "id": 1, "source": "hal-provider"}], "poolChanges": [{"stream": 1}]})",
+              "is a HAL PROVIDER stream"},
+             {R"({"images": [{"name": "a", "id": 1}], "properties": {"vendor.debug.camera.pipeline.fbm.acquire.timeout": -1}})",
+              "scenario.properties.vendor.debug.camera.pipeline.fbm.acquire.timeout: a time-out of milliseconds must be 0 or more"},
          }) {
         SimRun r = runSim({"--scenario", dir.write("s.json", c.json)});
         EXPECT_EQ(r.exitCode, 2) << c.json << "\n" << r.out;
@@ -91,6 +101,13 @@ TEST(SimulatorInput, NumbersAreCheckedBeforeTheyAreConverted) {
              {{"--prop", "vendor.debug.camera.pipeline.fbm.acquire.timeout=4294967296"},
               "the value is out of range: must be from -2147483648 to 2147483647"},
              {{"--prop", "novalue"}, "--prop novalue: expected key=integer"},
+             {{"--prop", "vendor.debug.camera.pipeline.fbm.acquire.timeout=-5"},
+              "--prop vendor.debug.camera.pipeline.fbm.acquire.timeout=-5: a time-out of milliseconds must be 0 or more"},
+             {{"--scenario", ""}, "--scenario: the file name is empty"},
+             {{"--trace", ""}, "--trace: the file name is empty"},
+             {{"--series", ""}, "--series: the file name is empty"},
+             {{"--plot", ""}, "--plot: the file name is empty"},
+             {{"--json", ""}, "--json: the file name is empty"},
          }) {
         SimRun r = runSim(c.args);
         EXPECT_EQ(r.exitCode, 2) << r.out;

@@ -164,9 +164,23 @@ char const* sourceName(Source s) {
 
 namespace {
 
+// JSON lets a key come twice in one object and keeps the last: a scenario edited by hand would
+// then run with a value its reader does not see first. Refused, naming the key.
 json parseJson(std::string const& text) {
+    std::vector<std::set<std::string>> keys;  // of each object being read, innermost last
+    auto const check = [&keys](int, json::parse_event_t event, json& parsed) {
+        if (event == json::parse_event_t::object_start) {
+            keys.emplace_back();
+        } else if (event == json::parse_event_t::object_end) {
+            keys.pop_back();
+        } else if (event == json::parse_event_t::key && !keys.empty() &&
+                   !keys.back().insert(parsed.get<std::string>()).second) {
+            throw ScenarioError("key \"" + parsed.get<std::string>() + "\" is given twice in one object");
+        }
+        return true;
+    };
     try {
-        return json::parse(text);
+        return json::parse(text, check);
     } catch (json::parse_error const& e) {
         throw ScenarioError(std::string("not valid JSON: ") + e.what());
     }
@@ -307,6 +321,14 @@ Scenario parseObject(json const& j, std::string const& root) {
             if (!e.contains("stream")) fail(where, "needs a stream");
             c.stream = idOf(e["stream"], where + ".stream");
             if (imageIds.count(c.stream) == 0) fail(where + ".stream", "is not an image stream of the scenario");
+            // The library changes only a pool's maximum; any other stream would run as if the
+            // change were not there.
+            for (auto const& img : s.images) {
+                if (img.id == c.stream && img.source != Source::Pool) {
+                    fail(where + ".stream", std::string("is a ") + sourceName(img.source) +
+                                                " stream: only a pool stream's maximum can be changed");
+                }
+            }
             c.atFrame = static_cast<uint32_t>(integer(e, "atFrame", where, 0, 0, kMaxFrames));
             c.maxBuffers = static_cast<int>(integer(e, "maxBuffers", where, 1, 1, kMaxBuffers));
             s.poolChanges.push_back(c);
@@ -317,6 +339,9 @@ Scenario parseObject(json const& j, std::string const& root) {
         for (auto it = props->begin(); it != props->end(); ++it) {
             std::string const where = root + ".properties";
             int64_t const v = integer(*props, it.key().c_str(), where, 0, INT32_MIN, INT32_MAX);
+            if (v < 0 && it.key() == kAcquireTimeoutProperty) {
+                fail(where + "." + it.key(), "a time-out of milliseconds must be 0 or more");
+            }
             s.properties.emplace_back(it.key(), static_cast<int>(v));
         }
     }

@@ -15,6 +15,8 @@ namespace fbmsim {
 // a frame in more than 64 batches is no camera's; the frame rate bounds keep timestamps of the
 // longest run within 64 bits.
 constexpr int64_t kMaxFrames = 100000000;
+// The library's acquire time-out, in milliseconds; a run sets it lower than a device does.
+constexpr char const* kAcquireTimeoutProperty = "vendor.debug.camera.pipeline.fbm.acquire.timeout";
 constexpr int64_t kMaxBuffers = 64;
 constexpr int64_t kMaxBatches = 64;
 constexpr int64_t kMaxInFlight = 64;

@@ -22,7 +22,6 @@ namespace {
 
 constexpr int kExitLost = 1;
 constexpr int kExitUsage = 2;
-constexpr char const* kTimeoutProperty = "vendor.debug.camera.pipeline.fbm.acquire.timeout";
 
 int usageError(std::string const& message) {
     std::cerr << "fbm-sim: " << message << "\nRun 'fbm-sim --help' for the options.\n";
@@ -86,7 +85,7 @@ std::optional<int> acquireTimeoutMs(std::vector<std::pair<std::string, int>> con
     std::optional<int> ms;
     for (auto const* list : {&scenarioProps, &commandLineProps}) {
         for (auto const& [key, value] : *list) {
-            if (key == kTimeoutProperty) ms = value;
+            if (key == fbmsim::kAcquireTimeoutProperty) ms = value;
         }
     }
     return ms;
@@ -111,7 +110,7 @@ int plan(fbmsim::Scenario const& scenario, fbmsim::Options opt, fbmsim::PlanOpti
     // A starved run would wait 1.5 s per request: time-outs are counted at 20 ms unless the
     // scenario or the command line sets the time-out, and a run stops after 50 of them.
     bool const timeoutSet = acquireTimeoutMs(scenario.properties, opt.props).has_value();
-    if (!timeoutSet) opt.props.emplace_back(kTimeoutProperty, 20);
+    if (!timeoutSet) opt.props.emplace_back(fbmsim::kAcquireTimeoutProperty, 20);
     opt.stopAfterTimeouts = 50;
     PlotWriter plotter;
     std::string error;
@@ -219,6 +218,12 @@ int main(int argc, char** argv) {
         std::cout << defaultScenarioJson();
         return 0;
     }
+    // An empty file name would run without the output, or with the built-in scenario.
+    for (auto const& [name, file] : {std::pair{"--scenario", &scenarioFile}, std::pair{"--trace", &opt.traceFile},
+                                     std::pair{"--series", &opt.seriesFile}, std::pair{"--plot", &opt.plotFile},
+                                     std::pair{"--json", &jsonFile}}) {
+        if (app.count(name) != 0 && file->empty()) return usageError(std::string(name) + ": the file name is empty");
+    }
     int64_t frames = 0, threads = opt.resultThreads, level = opt.logLevel;
     double fps = 0;
     std::string why;
@@ -252,6 +257,9 @@ int main(int argc, char** argv) {
         if (eq == std::string::npos || eq == 0) return usageError("--prop " + p + ": expected key=integer");
         if (!wholeNumber(p.substr(eq + 1), INT32_MIN, INT32_MAX, value, why, true)) {
             return usageError("--prop " + p + ": expected key=integer; the value " + why);
+        }
+        if (value < 0 && p.substr(0, eq) == fbmsim::kAcquireTimeoutProperty) {
+            return usageError("--prop " + p + ": a time-out of milliseconds must be 0 or more");
         }
         opt.props.emplace_back(p.substr(0, eq), static_cast<int>(value));
     }
