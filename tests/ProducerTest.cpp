@@ -252,6 +252,7 @@ TEST_F(ProducerTest, SharedHeapGoesBackAfterTheLastBufferInAnyOrder) {
     EXPECT_EQ(androidCount("(ref_cnt:3)"), 3u);  // one per second share
     // Level 3 dumps the producer after every acquire, share and release: 1 + 2 + 3 per order.
     EXPECT_EQ(androidCount("dump current in-use heaps and stream buffers"), 18u);
+    EXPECT_EQ(androidCount("[dump] Producer("), 18u);
 }
 
 TEST_F(ProducerTest, SharingAForeignOrReleasedBufferGivesNothing) {

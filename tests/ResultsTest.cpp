@@ -1,4 +1,6 @@
 // Frame tracking, result return, kept buffers and selection.
+#include <regex>
+
 #include "FramePathSupport.h"
 
 namespace fbmtest {
@@ -59,6 +61,31 @@ TEST_F(ResultsTest, KeptImageSharesTheHeapAndKeptMetadataIsACopy) {
     mManager->returnUnselectedSet({set, false});
     mManager->endSelect();
     sb.reset();
+    releaseEverythingAndCheck();
+}
+
+// At the manager's level 2, each result is one line: what was kept (O) and let go (X), by name.
+TEST_F(ResultsTest, DebugLineNamesWhatIsKeptAndWhatIsLetGo) {
+    host::setULogSwitches(5, 0x207000, 1);
+    host::setProperty("vendor.debug.camera.log.pipeline.fbm", 2);
+    mManager = makeManager("chatty");
+    mProcessor = mManager->getPipelineFrameResultProcessor();
+    mProvider = mManager->getPipelineFrameBufferProvider();
+    configure();
+    track(1, {kPreview}, {kHalMeta});
+    auto [err, sb] = request(kPreview, 1);
+    ASSERT_EQ(err, 0);
+    Result r;
+    r.timestamp = 100;
+    r.images = {sb};
+    r.toRelease = {sb};
+    r.halMeta = {makeMeta(mHalMetaInfo, 1)};
+    sb.reset();
+    returnResult(1, r);
+    std::regex const line(R"(\[returnResult\] \[R1001 F1\]TS:100   preview#\d+\(O\)  halMeta#\d+\(O\)  preview#\d+\(X\)  => move to ReadyList)");
+    size_t matched = 0;
+    for (auto const& l : host::LogCapture::androidLines()) matched += std::regex_search(l.text, line);
+    EXPECT_EQ(matched, 1u);
     releaseEverythingAndCheck();
 }
 
