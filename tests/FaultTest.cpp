@@ -38,18 +38,6 @@ TEST_F(FaultTest, StreamBufferNotMadeFromAPoolCallsBackWithNothingAndKeepsTheHea
     expectNothingLostAtTheEnd({&a, &b});
 }
 
-TEST_F(FaultTest, ProvidersAndRunTimeAllocationFailing) {
-    configure();
-    mAppProvider->failWith = -EIO;
-    EXPECT_EQ(request(kJpeg, 1).first, -EIO);
-    mAppProvider->failWith = 0;
-    host::HeapFactory::failNext(1);
-    auto [err, sb] = request(kRuntime, 2);
-    EXPECT_EQ(err, -EINVAL);
-    EXPECT_FALSE(sb);
-    expectNothingLostAtTheEnd();
-}
-
 TEST_F(FaultTest, MetadataCopyNotMadeIsSkippedAndTheFrameStillCompletes) {
     host::setULogSwitches(2, 0, 1);
     configure();
@@ -68,22 +56,6 @@ TEST_F(FaultTest, MetadataCopyNotMadeIsSkippedAndTheFrameStillCompletes) {
     mManager->returnUnselectedSet({sets.front(), false});
     mManager->endSelect();
     expectNothingLostAtTheEnd();
-}
-
-TEST_F(FaultTest, ProviderReportingSuccessWithoutABufferIsLoggedAndPassedOn) {
-    class EmptyProvider : public IStreamBufferProvider {
-        int requestStreamBuffer(ImageStreamBufferCallback const& cb, Request const&) override {
-            cb(nullptr);
-            return 0;
-        }
-    };
-    ASSERT_EQ(mManager->addImageStream({mInfos[kHalProv], eHAL_IMAGE_PROVIDER, std::make_shared<EmptyProvider>()}), 0);
-    auto [err, sb] = request(kHalProv, 1);
-    EXPECT_EQ(err, 0);  // the source's own result, kept on purpose
-    EXPECT_FALSE(sb);
-    EXPECT_EQ(androidCount("[requestStreamBuffer] [requestNo:1001 frameNo:1] err:0(Success) "
-                           "[IMAGE-HAL-PROVIDER]0x5:halProv"),
-              1u);
 }
 
 }  // namespace

@@ -133,11 +133,8 @@ protected:
     }
     void track(uint32_t frameNo, std::set<StreamId_T> images, std::set<StreamId_T> halMeta = {},
                std::set<StreamId_T> appMeta = {}, bool recyclable = true) {
-        auto p = std::make_shared<TrackFrameResultParams>();
-        p->halImage = std::move(images);
-        p->halMeta = std::move(halMeta);
-        p->appMeta = std::move(appMeta);
-        p->isRecyclable = recyclable;
+        auto p = std::make_shared<TrackFrameResultParams>(
+            TrackFrameResultParams{std::move(images), std::move(halMeta), std::move(appMeta), recyclable});
         EXPECT_EQ(mManager->trackFrameResult({frameNo, frameNo + 1000, p}), 0);
     }
     struct Result {
@@ -149,16 +146,8 @@ protected:
         std::vector<MetaPtr> appMeta;
     };
     void returnResult(uint32_t frameNo, Result& r) {
-        IPipelineFrameHalResultProcessor::ReturnResult rr;
-        rr.requestNo = frameNo + 1000;
-        rr.frameNo = frameNo;
-        rr.timestamp = r.timestamp;
-        rr.isFrameDestroyed = r.destroyed;
-        rr.halImageToRelease = &r.toRelease;
-        rr.halImage = &r.images;
-        rr.halMeta = &r.halMeta;
-        rr.appMeta = &r.appMeta;
-        mProcessor->returnResult(rr);
+        mProcessor->returnResult(
+            {frameNo + 1000, frameNo, r.timestamp, r.destroyed, &r.toRelease, &r.images, &r.halMeta, &r.appMeta});
     }
     // A whole frame keeping one image of `id` and both metadata streams, recyclable.
     void keptFrame(uint32_t frameNo, int64_t timestamp, StreamId_T id = kPreview, bool recyclable = true) {

@@ -87,23 +87,5 @@ TEST_F(ManagerLifecycleTest, AccessorsAreEmptyWithoutAnOwner) {
     EXPECT_FALSE(unowned.getPipelineFrameResultProcessor());
 }
 
-// The shared library exports createFrameBufferManager with C linkage, and unloads cleanly (its
-// metadata worker is joined at unload).
-TEST_F(ManagerLifecycleTest, SharedLibraryExportsTheEntryPoint) {
-    void* lib = dlopen(FBM_SHARED_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(lib, nullptr) << dlerror();
-    using CreateFn = void (*)(std::shared_ptr<IFrameBufferManager>*, char const*);
-    auto create = reinterpret_cast<CreateFn>(dlsym(lib, "createFrameBufferManager"));
-    ASSERT_NE(create, nullptr);
-    EXPECT_EQ(dlsym(lib, "_ZN5NSCam2v38pipeline15gFreeMetaObjectE"), nullptr);  // internals hidden
-    {
-        std::shared_ptr<IFrameBufferManager> manager;
-        create(&manager, "dl");
-        ASSERT_TRUE(manager);
-        EXPECT_EQ(manager->endConfigure(), 0);
-    }
-    EXPECT_EQ(dlclose(lib), 0);
-}
-
 }  // namespace
 }  // namespace fbmtest

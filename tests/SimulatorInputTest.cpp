@@ -52,11 +52,7 @@ TEST(SimulatorInput, PlotPathsAreNeverShellText) {
 // (fractions, products, 64-bit values), through the binary, and the command line.
 TEST(SimulatorInput, NumbersAreCheckedBeforeTheyAreConverted) {
     TempDir dir;
-    struct Case {
-        char const* json;
-        char const* message;
-    };
-    for (Case const& c : std::initializer_list<Case>{
+    for (auto const& [json, message] : std::initializer_list<std::pair<char const*, char const*>>{
              {R"({"frames": 3.7, "images": [{"name": "a", "id": 1}]})",
               "scenario.frames: must be an integer from 1 to 100000000 (got 3.7)"},
              {R"({"images": [{"name": "a", "id": 1, "maxBuffers": 0}]})",
@@ -81,16 +77,12 @@ TEST(SimulatorInput, NumbersAreCheckedBeforeTheyAreConverted) {
              {R"({"images": [{"name": "a", "id": 1}], "properties": {"vendor.debug.camera.pipeline.fbm.acquire.timeout": -1}})",
               "scenario.properties.vendor.debug.camera.pipeline.fbm.acquire.timeout: a time-out of milliseconds must be 0 or more"},
          }) {
-        SimRun r = runSim({"--scenario", dir.write("s.json", c.json)});
-        EXPECT_EQ(r.exitCode, 2) << c.json << "\n" << r.out;
-        EXPECT_TRUE(has(r, c.message)) << c.message << "\n" << r.out;
+        SimRun r = runSim({"--scenario", dir.write("s.json", json)});
+        EXPECT_EQ(r.exitCode, 2) << json << "\n" << r.out;
+        EXPECT_TRUE(has(r, message)) << message << "\n" << r.out;
     }
     // The command line, in the user's terms.
-    struct Arg {
-        std::vector<std::string> args;
-        char const* message;
-    };
-    for (Arg const& c : std::initializer_list<Arg>{
+    for (auto const& [args, message] : std::initializer_list<std::pair<std::vector<std::string>, char const*>>{
              {{"-n", "1e3"}, "--frames 1e3: is not a whole number; give it as digits, from 1 to 100000000"},
              {{"-n", "abc"}, "--frames abc: is not a whole number"},
              {{"-n", "4294967297"}, "--frames 4294967297: is out of range: must be from 1 to 100000000"},
@@ -109,9 +101,9 @@ TEST(SimulatorInput, NumbersAreCheckedBeforeTheyAreConverted) {
              {{"--plot", ""}, "--plot: the file name is empty"},
              {{"--json", ""}, "--json: the file name is empty"},
          }) {
-        SimRun r = runSim(c.args);
+        SimRun r = runSim(args);
         EXPECT_EQ(r.exitCode, 2) << r.out;
-        EXPECT_TRUE(has(r, c.message)) << c.message << "\n" << r.out;
+        EXPECT_TRUE(has(r, message)) << message << "\n" << r.out;
         EXPECT_EQ(r.out.find("fbm-sim: scenario"), std::string::npos) << "ran anyway:\n" << r.out;
     }
     SimRun r = runSim({"-n", "10", "--fps", "0.5"});
