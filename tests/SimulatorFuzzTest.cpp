@@ -166,6 +166,17 @@ TEST(SimulatorFuzz, RandomScenariosAndOptionsEndCleanly) {
             }
         } else if (r.exitCode != 2) {
             ASSERT_NE(r.out.find("leak check: OK"), std::string::npos) << repro;
+            // The run's output, whole or cut anywhere, as a bug report: a scenario or a reason.
+            std::string report = r.out;
+            if (chance(rng, 50)) report.resize(rng() % (report.size() + 1));
+            std::string const reportFile = dir + "/report-" + std::to_string(i) + ".txt";
+            std::ofstream(reportFile) << report;
+            simtest::SimRun d = simtest::runSim({"from-dump", reportFile, "-o", dir + "/rebuilt.json"});
+            ASSERT_TRUE(d.exitCode == 0 || d.exitCode == 2) << "from-dump exit " << d.exitCode << ": " << d.out << repro;
+            ASSERT_NE(d.out.find("fbm-sim from-dump: "), std::string::npos) << d.out;
+            for (char const* crash : {"Sanitizer", "runtime error:", "terminate called"}) {
+                ASSERT_EQ(d.out.find(crash), std::string::npos) << d.out << repro;
+            }
         } else {
             ASSERT_NE(r.out.find("fbm-sim: "), std::string::npos) << "exit 2 without a reason: " << repro;
         }

@@ -354,7 +354,7 @@ std::map<std::string, std::set<std::string>> const& scenarioKeys() {
     static std::map<std::string, std::set<std::string>> const keys{
         {"scenario", {"name", "frames", "fps", "inFlightDepth", "resultBatches", "destroyEvery",
                       "noTimestampEvery", "recyclable", "images", "metas", "sharedGroups", "selector",
-                      "poolChanges", "properties"}},
+                      "poolChanges", "properties", "_from_dump"}},
         {"images[]", {"name", "id", "source", "blob", "width", "height", "maxBuffers", "minBuffers",
                       "keep", "triggerAtFrame"}},
         {"metas[]", {"name", "id", "app", "keep"}},

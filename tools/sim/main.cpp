@@ -13,6 +13,7 @@
 #include <CLI/CLI.hpp>
 #include <vexlor/HostSeams.h>
 
+#include "FromDump.h"
 #include "Outputs.h"
 #include "Plan.h"
 #include "Scenario.h"
@@ -148,10 +149,18 @@ int main(int argc, char** argv) {
     using namespace fbmsim;
     // gnuplot may go before it has read its script: a write to it must fail, not end this process.
     std::signal(SIGPIPE, SIG_IGN);
+    // from-dump reads a text and runs nothing: it takes no option of a run, but --no-progress,
+    // which changes nothing there.
+    for (int i = 1; i < argc; ++i) {
+        std::string_view const a = argv[i];
+        if (a == "from-dump") return fromDumpMain(argc - i, argv + i);
+        if (a != "--no-progress") break;
+    }
     CLI::App app{
         "fbm-sim: runs a frame buffer manager like a camera pipeline and reports what happened.\n"
         "Exit status: 0 when every buffer came back, 1 when anything was lost or an output could not be "
-        "written, 2 for bad usage."};
+        "written, 2 for bad usage.\n"
+        "fbm-sim from-dump FILE rebuilds a scenario from the manager's dumps in a bug report (see its --help)."};
     app.get_formatter()->column_width(34);
 
     Options opt;
