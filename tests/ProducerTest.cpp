@@ -275,6 +275,7 @@ TEST_F(ProducerTest, NewHeapPoolRefusedWhileBuffersAreOut) {
     auto replacement = std::make_shared<BufferHeapPool>("other", mAllocator);
     EXPECT_EQ(producer->setBufferHeapPool(replacement), -EINVAL);
     EXPECT_EQ(androidCount(" Pool(preview-pool): previous pool still in-use) (setBufferHeapPool)"), 1u);
+    EXPECT_EQ(androidCount("InUse(Heap#1){Sb#1}"), 1u);  // and what is still out
     sb->releaseToOwner();
     EXPECT_EQ(producer->setBufferHeapPool(replacement), 0);
 }

@@ -10,6 +10,7 @@ namespace {
 using RequestTest = FramePathTest;
 
 TEST_F(RequestTest, EverySourceServesAFrameAndEveryBufferComesBack) {
+    host::HeapFactory::setRecordCalls(true);
     configure();
     std::vector<SbPtr> frame;
     for (StreamId_T id : {kPreview, kFullA, kFullB, kRuntime, kHalProv, kJpeg}) {
@@ -23,6 +24,7 @@ TEST_F(RequestTest, EverySourceServesAFrameAndEveryBufferComesBack) {
     EXPECT_EQ(mHalProvider->lastTimeout, -1);
     EXPECT_EQ(mHalProvider->lastRequestNo, 1001u);
     EXPECT_EQ(mAppProvider->calls, 1);
+    for (auto const& c : host::HeapFactory::calls()) EXPECT_FALSE(c.flag) << c.heapName;  // pools and run time
     for (auto& sb : frame) sb->releaseToOwner();
     frame.clear();
     releaseEverythingAndCheck();
@@ -207,7 +209,7 @@ TEST_F(RequestTest, GroupsThatCannotShareAreSetUpOneByOne) {
         "    WARNING [configureImageStreams] 'b': pool-shared but not BUFFER_SOURCE_POOL - "
         "attribute:[IMAGE-HAL-RUNTIME ]"));
     EXPECT_TRUE(printer.contains("    ERROR [evaluateSharedAllocStreamInfo] Different SecureInfo: [1|2] "
-                                 "'0x12:c 640x480"));
+                                 "'0x12:c 640x480 fmt:0x32315659 planes:2 max:1 min:1' != '0x10:a 640x480"));
     EXPECT_TRUE(printer.contains("    ERROR [evaluateSharedAllocStreamInfo] Different ImgSize & Non-BLOB: "
                                  "[1|2] '0x31:y2 32x32"));
     EXPECT_EQ(mManager->queryConfigImageStream(0x10)->allocInfo->streamId(), 0x10);  // own pool
