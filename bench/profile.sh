@@ -7,7 +7,7 @@
 # Usage: bench/profile.sh [CYCLES]   (default 20000)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/ensure-deps.sh build bench >&2
+scripts/ensure-deps.sh build bench profile >&2
 cmake --preset release >/dev/null
 cmake --build --preset release -j "$(nproc)" --target fbm_profile >&2
 cycles=${1:-20000}

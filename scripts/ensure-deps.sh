@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs when they are missing (as root, through apt-get).
-# Usage: scripts/ensure-deps.sh [build] [sim] [docs] [bench] [fuzz] [arm64] [soong]   (default: build)
+# Usage: scripts/ensure-deps.sh [build] [sim] [docs] [bench] [profile] [fuzz] [arm64] [soong]   (default: build)
 set -euo pipefail
 
 groups=("$@")
@@ -15,6 +15,7 @@ for g in "${groups[@]}"; do
     sim)   pkgs+=(nlohmann-json3-dev libcli11-dev gnuplot-nox) ;;
     docs)  pkgs+=(doxygen) ;;
     bench) pkgs+=(libbenchmark-dev libgstreamer1.0-dev pkg-config) ;;
+    profile) pkgs+=(valgrind python3) ;;
     fuzz)  pkgs+=(clang libclang-rt-14-dev) ;;
     # The cross compiler, the user-mode emulator, and GoogleTest's sources to build for the target.
     # The arm64 builds of the Android libraries come through multiarch (see below).

@@ -42,10 +42,7 @@ TEST_F(FaultTest, MetadataCopyNotMadeIsSkippedAndTheFrameStillCompletes) {
     host::setULogSwitches(2, 0, 1);
     configure();
     track(1, {}, {kHalMeta}, {kAppMeta});
-    Result r;
-    r.timestamp = 10;
-    r.halMeta = {makeMeta(mHalMetaInfo)};
-    r.appMeta = {makeMeta(mAppMetaInfo)};
+    Result r{.timestamp = 10, .halMeta = {makeMeta(mHalMetaInfo)}, .appMeta = {makeMeta(mAppMetaInfo)}};
     host::StreamBufferFactory::failNextMeta(1);  // the copy of the HAL metadata
     returnResult(1, r);
     EXPECT_EQ(androidCount("[addCopiedMeta] Fail to copy meta (0x100)"), 1u);

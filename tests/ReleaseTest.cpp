@@ -93,9 +93,7 @@ TEST_F(ReleaseTest, ASetWithTwoImagesOfASharedPoolCountsForTwo) {
         auto [e1, a] = request(kFullA, f);
         auto [e2, b] = request(kFullB, f);
         ASSERT_EQ(e1 | e2, 0);
-        Result r;
-        r.timestamp = f;
-        r.images = {a, b};
+        Result r{.timestamp = f, .images = {a, b}};
         returnResult(f, r);
         a->releaseToOwner();
         b->releaseToOwner();

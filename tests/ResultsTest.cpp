@@ -27,11 +27,10 @@ TEST_F(ResultsTest, KeptImageSharesTheHeapAndKeptMetadataIsACopy) {
     ASSERT_EQ(err, 0);
     auto halMeta = makeMeta(mHalMetaInfo, 11);
     auto untracked = makeMeta(metaInfo(0x200, "other"), 0);
-    Result r;
-    r.timestamp = 100;
-    r.images = {sb};
-    r.halMeta = {halMeta, untracked};
-    r.appMeta = {makeMeta(mAppMetaInfo, 12)};
+    Result r{.timestamp = 100,
+             .images = {sb},
+             .halMeta = {halMeta, untracked},
+             .appMeta = {makeMeta(mAppMetaInfo, 12)}};
     returnResult(1, r);
     EXPECT_TRUE(r.images.empty());  // kept: moved out of the caller's list
     EXPECT_TRUE(r.halMeta.empty());
@@ -75,11 +74,7 @@ TEST_F(ResultsTest, DebugLineNamesWhatIsKeptAndWhatIsLetGo) {
     track(1, {kPreview}, {kHalMeta});
     auto [err, sb] = request(kPreview, 1);
     ASSERT_EQ(err, 0);
-    Result r;
-    r.timestamp = 100;
-    r.images = {sb};
-    r.toRelease = {sb};
-    r.halMeta = {makeMeta(mHalMetaInfo, 1)};
+    Result r{.timestamp = 100, .images = {sb}, .toRelease = {sb}, .halMeta = {makeMeta(mHalMetaInfo, 1)}};
     sb.reset();
     returnResult(1, r);
     std::regex const line(R"(\[returnResult\] \[R1001 F1\]TS:100   preview#\d+\(O\)  halMeta#\d+\(O\)  preview#\d+\(X\)  => move to ReadyList)");
@@ -147,10 +142,7 @@ TEST_F(ResultsTest, AFrameStartsCleanWhateverCameBeforeIt) {
         track(f, {kPreview}, {kHalMeta}, {}, recyclable);
         auto [err, sb] = request(kPreview, f);
         ASSERT_EQ(err, 0);
-        Result r;
-        r.timestamp = timestamped ? 100 + f : 0;
-        r.images = {sb};
-        r.halMeta = {makeMeta(mHalMetaInfo, f)};
+        Result r{.timestamp = timestamped ? 100 + f : 0, .images = {sb}, .halMeta = {makeMeta(mHalMetaInfo, f)}};
         returnResult(f, r);
         sb->releaseToOwner();
         sb.reset();
@@ -181,20 +173,14 @@ TEST_F(ResultsTest, DestroyedFrames) {
     track(1, {kPreview}, {kHalMeta});
     auto [err, sb] = request(kPreview, 1);
     ASSERT_EQ(err, 0);
-    Result r;
-    r.timestamp = 100;
-    r.images = {sb};
-    r.destroyed = true;
+    Result r{.timestamp = 100, .destroyed = true, .images = {sb}};
     returnResult(1, r);
     EXPECT_EQ(androidCount("[returnResult] [requestNo:1001 frameNo:1] isFrameDestroyed(1), but still have #1 left"),
               1u);
     EXPECT_TRUE(mManager->readyFrames().empty());
     // Destroyed with nothing outstanding and a timestamp: ready like any other.
     track(2, {}, {kHalMeta});
-    Result done;
-    done.timestamp = 200;
-    done.destroyed = true;
-    done.halMeta = {makeMeta(mHalMetaInfo)};
+    Result done{.timestamp = 200, .destroyed = true, .halMeta = {makeMeta(mHalMetaInfo)}};
     returnResult(2, done);
     EXPECT_EQ(mManager->readyFrames(), std::vector<uint32_t>{2});
     releaseEverythingAndCheck({&sb});
@@ -218,11 +204,7 @@ TEST_F(ResultsTest, UntrackedFrameReleasesWhatItGivesBackAndKeepsNothing) {
     auto [e1, keep] = request(kPreview, 9);
     auto [e2, drop] = request(kFullA, 9);
     ASSERT_EQ(e1 | e2, 0);
-    Result r;
-    r.timestamp = 5;
-    r.images = {keep};
-    r.toRelease = {drop, nullptr};
-    r.halMeta = {makeMeta(mHalMetaInfo)};
+    Result r{.timestamp = 5, .images = {keep}, .toRelease = {drop, nullptr}, .halMeta = {makeMeta(mHalMetaInfo)}};
     drop.reset();
     returnResult(9, r);
     EXPECT_EQ(r.images.size(), 1u);  // offered images stay with the caller

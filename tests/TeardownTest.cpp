@@ -13,9 +13,7 @@ TEST_F(TeardownTest, KeptBuffersOfUnfinishedFramesAndReadySetsDoNotOutliveTheMan
     track(2, {kPreview}, {kHalMeta});   // in flight, its image kept, its metadata outstanding
     auto [err, sb] = request(kPreview, 2);
     ASSERT_EQ(err, 0);
-    Result r;
-    r.timestamp = 200;
-    r.images = {sb};
+    Result r{.timestamp = 200, .images = {sb}};
     returnResult(2, r);
     sb->releaseToOwner();
     sb.reset();
