@@ -44,53 +44,36 @@ size_t slotOf(Pmf pmf) {
 // first has its first operation in slot 2.
 constexpr size_t kAfterDestructor = 2;
 
+// The operations hold consecutive slots from `first`, in the order given (a failure names the
+// slot where the order breaks).
+template <class... Pmf>
+void expectSlotsFrom(size_t first, Pmf... operations) {
+    size_t slot = first;
+    auto const expect = [&slot](size_t got) { EXPECT_EQ(got, slot++); };
+    (expect(slotOf(operations)), ...);
+}
+
 TEST(Layout, PrintersPutTheirOperationsBeforeTheDestructor) {
-    EXPECT_EQ(slotOf(&NSCam::IPrinter::printLine), 0u);
-    EXPECT_EQ(slotOf(&NSCam::IPrinter::printFormatLine), 1u);
+    expectSlotsFrom(0, &NSCam::IPrinter::printLine, &NSCam::IPrinter::printFormatLine);
     // The platform's printer, which the log printer also derives from, is laid out alike.
-    EXPECT_EQ(slotOf(&android::Printer::printLine), 0u);
-    EXPECT_EQ(slotOf(&android::Printer::printFormatLine), 1u);
+    expectSlotsFrom(0, &android::Printer::printLine, &android::Printer::printFormatLine);
 }
 
-TEST(Layout, ManagerInterfacesInTheirSlotOrder) {
-    size_t slot = kAfterDestructor;
-    EXPECT_EQ(slotOf(&IHistoryBufferProvider::dumpState), slot++);
-    EXPECT_EQ(slotOf(&IHistoryBufferProvider::dumpBufferState), slot++);
-    EXPECT_EQ(slotOf(&IHistoryBufferProvider::enableFrameResultRecyclable), slot++);
-    EXPECT_EQ(slotOf(&IHistoryBufferProvider::beginSelect), slot++);
-    EXPECT_EQ(slotOf(&IHistoryBufferProvider::endSelect), slot++);
-    EXPECT_EQ(slotOf(&IHistoryBufferProvider::returnUnselectedSet), slot++);
-    EXPECT_EQ(slotOf(&IHistoryBufferProvider::cloneHBS), slot++);
-    EXPECT_EQ(slotOf(&IHistoryBufferProvider::peekInflights), slot++);
-    EXPECT_EQ(slotOf(&IHistoryBufferProvider::peekInflightsReqNo), slot++);
-    EXPECT_EQ(slotOf(&IFrameBufferManager::getPipelineFrameBufferProvider), slot++);
-    EXPECT_EQ(slotOf(&IFrameBufferManager::getPipelineFrameResultProcessor), slot++);
-    EXPECT_EQ(slotOf(&IFrameBufferManager::beginConfigure), slot++);
-    EXPECT_EQ(slotOf(&IFrameBufferManager::endConfigure), slot++);
-    EXPECT_EQ(slotOf(&IFrameBufferManager::getPoolStreamInfo), slot++);
-    EXPECT_EQ(slotOf(&IFrameBufferManager::addImageStream), slot++);
-    EXPECT_EQ(slotOf(&IFrameBufferManager::addMetaStream), slot++);
-    EXPECT_EQ(slotOf(&IFrameBufferManager::configureStreams), slot++);
-    EXPECT_EQ(slotOf(&IFrameBufferManager::triggerBufferPool), slot++);
-    EXPECT_EQ(slotOf(&IFrameBufferManager::updateBufferPoolMaxBufCount), slot++);
-    EXPECT_EQ(slotOf(&IFrameBufferManager::getBufferPoolMaxBufCount), slot++);
-    EXPECT_EQ(slotOf(&IFrameBufferManager::trackFrameResult), slot++);
-
-    EXPECT_EQ(slotOf(&IPipelineFrameStreamBufferProvider::requestStreamBuffer), kAfterDestructor);
-    EXPECT_EQ(slotOf(&IPipelineFrameHalResultProcessor::returnResult), kAfterDestructor);
-    EXPECT_EQ(slotOf(&NSCam::IDebuggeeTarget::debuggeeName), kAfterDestructor);
-    EXPECT_EQ(slotOf(&NSCam::IDebuggeeTarget::debug), kAfterDestructor + 1);
-}
-
-TEST(Layout, StreamBufferPoolInItsSlotOrder) {
-    size_t slot = kAfterDestructor;
-    EXPECT_EQ(slotOf(&IImageStreamBufferPool::poolName), slot++);
-    EXPECT_EQ(slotOf(&IImageStreamBufferPool::dumpPool), slot++);
-    EXPECT_EQ(slotOf(&IImageStreamBufferPool::initPool), slot++);
-    EXPECT_EQ(slotOf(&IImageStreamBufferPool::uninitPool), slot++);
-    EXPECT_EQ(slotOf(&IImageStreamBufferPool::commitPool), slot++);
-    EXPECT_EQ(slotOf(&IImageStreamBufferPool::acquireFromPool), slot++);
-    EXPECT_EQ(slotOf(&IImageStreamBufferPool::releaseToPool), slot++);
+TEST(Layout, InterfacesInTheirSlotOrder) {
+    using H = IHistoryBufferProvider;
+    using M = IFrameBufferManager;
+    expectSlotsFrom(kAfterDestructor, &H::dumpState, &H::dumpBufferState, &H::enableFrameResultRecyclable,
+                    &H::beginSelect, &H::endSelect, &H::returnUnselectedSet, &H::cloneHBS, &H::peekInflights,
+                    &H::peekInflightsReqNo, &M::getPipelineFrameBufferProvider, &M::getPipelineFrameResultProcessor,
+                    &M::beginConfigure, &M::endConfigure, &M::getPoolStreamInfo, &M::addImageStream,
+                    &M::addMetaStream, &M::configureStreams, &M::triggerBufferPool, &M::updateBufferPoolMaxBufCount,
+                    &M::getBufferPoolMaxBufCount, &M::trackFrameResult);
+    expectSlotsFrom(kAfterDestructor, &IPipelineFrameStreamBufferProvider::requestStreamBuffer);
+    expectSlotsFrom(kAfterDestructor, &IPipelineFrameHalResultProcessor::returnResult);
+    expectSlotsFrom(kAfterDestructor, &NSCam::IDebuggeeTarget::debuggeeName, &NSCam::IDebuggeeTarget::debug);
+    using P = IImageStreamBufferPool;
+    expectSlotsFrom(kAfterDestructor, &P::poolName, &P::dumpPool, &P::initPool, &P::uninitPool, &P::commitPool,
+                    &P::acquireFromPool, &P::releaseToPool);
 }
 
 TEST(Layout, ManagerBasesInDeclaredOrder) {
