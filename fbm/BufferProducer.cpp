@@ -325,7 +325,7 @@ BufferProducer::SbPtr BufferProducer::shareSB(SbPtr const& source) {
     {
         LockGuard<Mutex> lk(mMapLock);
         int64_t const index = mSbIndex.find(source.get());
-        if (index < 0 || !source) {
+        if (index < 0) {
             auto info = source ? source->streamInfoOf() : nullptr;
             MY_LOGE("%s: SB(%p:%s) not in here.", toString().c_str(), source.get(),
                     info ? info->streamName() : "");
@@ -424,23 +424,25 @@ bool BufferProducer::SbIndex::insert(void const* sb, uint32_t record) {
     }
 }
 
-int64_t BufferProducer::SbIndex::find(void const* sb) const {
-    if (mSlots.empty() || sb == nullptr) return -1;
+size_t BufferProducer::SbIndex::slotOf(void const* sb) const {
+    if (mSlots.empty() || sb == nullptr) return kNone;
     size_t const mask = mSlots.size() - 1;
     for (size_t i = home(sb);; i = (i + 1) & mask) {
-        if (mSlots[i].sb == sb) return mSlots[i].record;
-        if (mSlots[i].sb == nullptr) return -1;
+        if (mSlots[i].sb == sb) return i;
+        if (mSlots[i].sb == nullptr) return kNone;
     }
 }
 
+int64_t BufferProducer::SbIndex::find(void const* sb) const {
+    size_t const i = slotOf(sb);
+    if (i == kNone) return -1;
+    return mSlots[i].record;
+}
+
 int64_t BufferProducer::SbIndex::erase(void const* sb) {
-    if (mSlots.empty() || sb == nullptr) return -1;
+    size_t i = slotOf(sb);
+    if (i == kNone) return -1;
     size_t const mask = mSlots.size() - 1;
-    size_t i = home(sb);
-    while (mSlots[i].sb != sb) {
-        if (mSlots[i].sb == nullptr) return -1;
-        i = (i + 1) & mask;
-    }
     uint32_t const record = mSlots[i].record;
     // Shifts back every later entry of the run that may sit in the freed slot, so that each
     // stays reachable from its home without a tombstone.

@@ -117,7 +117,9 @@ private:
             void const* sb = nullptr;
             uint32_t record = 0;
         };
+        static constexpr size_t kNone = ~size_t{0};
         size_t home(void const* sb) const;
+        size_t slotOf(void const* sb) const;  // its slot, or kNone
         void grow();
         std::vector<Slot> mSlots;  // a power of two, at most half full
         size_t mCount = 0;

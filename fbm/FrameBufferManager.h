@@ -226,8 +226,8 @@ public:
     void addCopiedMetas(std::vector<std::shared_ptr<IMetaStreamBuffer>> const& in,
                         std::vector<std::shared_ptr<IMetaStreamBuffer>>& out);
     // The same, for a buffer whose stream the caller has already asked for (a buffer's stream
-    // info is a call, a lock and a handle copy of the platform's).
-    void addSharedImage(StreamId_T streamId, std::shared_ptr<IImageStreamBuffer>&& buffer,
+    // info is a call, a lock and a handle copy of the platform's). True when one was kept.
+    bool addSharedImage(StreamId_T streamId, std::shared_ptr<IImageStreamBuffer>&& buffer,
                         std::vector<std::shared_ptr<IImageStreamBuffer>>& out);
     void addCopiedMeta(std::shared_ptr<IMetaStreamInfo const>&& info,
                        std::shared_ptr<IMetaStreamBuffer>&& buffer,

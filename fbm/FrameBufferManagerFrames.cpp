@@ -265,9 +265,7 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
                     StreamId_T const id = *b ? (*b)->streamInfoOf()->streamId() : 0;
                     if (*b && track.halImage.count(id) != 0) {
                         note(*b, "(O) ");
-                        size_t const kept = set.halImage.size();
-                        addSharedImage(id, std::move(*b), set.halImage);
-                        if (set.halImage.size() != kept) set.halImageIds.push_back(id);
+                        if (addSharedImage(id, std::move(*b), set.halImage)) set.halImageIds.push_back(id);
                         --set.remaining;
                         b = list.erase(b);
                     } else {
@@ -437,18 +435,21 @@ void FrameBufferManagerImpl::addSharedImage(std::shared_ptr<IImageStreamBuffer>&
     addSharedImage(streamId, std::move(buffer), out);
 }
 
-void FrameBufferManagerImpl::addSharedImage(StreamId_T streamId,
+bool FrameBufferManagerImpl::addSharedImage(StreamId_T streamId,
                                             std::shared_ptr<IImageStreamBuffer>&& buffer,
                                             std::vector<std::shared_ptr<IImageStreamBuffer>>& out) {
     auto config = queryConfigImageStream(streamId);
     if (config && config->attribute == eHAL_IMAGE_POOL && config->pPool) {
-        if (auto shared = config->pPool->shareSB(buffer)) out.push_back(std::move(shared));
-        return;
+        auto shared = config->pPool->shareSB(buffer);
+        if (!shared) return false;
+        out.push_back(std::move(shared));
+        return true;
     }
     char const* const fn = "addSharedImage";
     MY_LOGW_AS(fn, "Fail to share image (%#lx:%s, attribute:%s) ", static_cast<long>(streamId),
                buffer->streamInfoOf()->streamName(),
                config ? toString(config->attribute).c_str() : "(not configured)");
+    return false;
 }
 
 void FrameBufferManagerImpl::addSharedImages(std::vector<std::shared_ptr<IImageStreamBuffer>> const& in,

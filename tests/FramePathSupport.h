@@ -61,9 +61,7 @@ protected:
     void SetUp() override {
         PlatformTest::SetUp();
         host::setProperty("vendor.debug.camera.pipeline.fbm.acquire.timeout", 200);
-        mManager = makeManager("frame-path");
-        mProcessor = mManager->getPipelineFrameResultProcessor();
-        mProvider = mManager->getPipelineFrameBufferProvider();
+        remakeManager("frame-path");
         mInfos[kPreview] = imageInfo({.id = kPreview, .name = "preview", .max = 2, .min = 2});
         mInfos[kFullA] = imageInfo({.id = kFullA, .name = "fullA", .w = 1280, .h = 960, .max = 3, .min = 1});
         mInfos[kFullB] = imageInfo({.id = kFullB, .name = "fullB", .w = 1280, .h = 960, .max = 2, .min = 2});
@@ -73,6 +71,12 @@ protected:
         mInfos[kDeferred] = imageInfo({.id = kDeferred, .name = "deferred", .max = 2, .min = 1, .deferred = true});
         mHalMetaInfo = metaInfo(kHalMeta, "halMeta");
         mAppMetaInfo = metaInfo(kAppMeta, "appMeta");
+    }
+    // A new manager (a test may set the properties it reads at construction first).
+    void remakeManager(char const* name) {
+        mManager = makeManager(name);
+        mProcessor = mManager->getPipelineFrameResultProcessor();
+        mProvider = mManager->getPipelineFrameBufferProvider();
     }
     void TearDown() override {
         mProcessor.reset();
@@ -140,10 +144,10 @@ protected:
     struct Result {
         int64_t timestamp = 0;
         bool destroyed = false;
-        std::vector<SbPtr> images;
-        std::vector<SbPtr> toRelease;
-        std::vector<MetaPtr> halMeta;
-        std::vector<MetaPtr> appMeta;
+        std::vector<SbPtr> images{};  // {}: a designated initialiser may leave any of them out
+        std::vector<SbPtr> toRelease{};
+        std::vector<MetaPtr> halMeta{};
+        std::vector<MetaPtr> appMeta{};
     };
     void returnResult(uint32_t frameNo, Result& r) {
         mProcessor->returnResult(

@@ -67,9 +67,7 @@ TEST_F(ResultsTest, KeptImageSharesTheHeapAndKeptMetadataIsACopy) {
 TEST_F(ResultsTest, DebugLineNamesWhatIsKeptAndWhatIsLetGo) {
     host::setULogSwitches(5, 0x207000, 1);
     host::setProperty("vendor.debug.camera.log.pipeline.fbm", 2);
-    mManager = makeManager("chatty");
-    mProcessor = mManager->getPipelineFrameResultProcessor();
-    mProvider = mManager->getPipelineFrameBufferProvider();
+    remakeManager("chatty");
     configure();
     track(1, {kPreview}, {kHalMeta});
     auto [err, sb] = request(kPreview, 1);

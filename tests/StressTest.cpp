@@ -30,9 +30,7 @@ protected:
         // Only the manager's own requests for heaps are kept, to count them.
         host::setULogSwitches(5, 0x207000, 8);
         host::setProperty("vendor.debug.camera.log.pipeline.fbm", 2);
-        mManager = makeManager("stress");
-        mProcessor = mManager->getPipelineFrameResultProcessor();
-        mProvider = mManager->getPipelineFrameBufferProvider();
+        remakeManager("stress");
         configure();
     }
     void TearDown() override {

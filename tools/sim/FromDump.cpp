@@ -221,6 +221,7 @@ nlohmann::ordered_json scenarioOf(ManagerDump const& d, std::string const& name)
 
     json s;
     s["name"] = name;
+    s["_from_dump"] = "";  // written last, read first: what was guessed, before the values
     // The frame rate from the timestamps of the sets: nanoseconds between frame numbers.
     std::vector<ManagerDump::Set const*> timed;
     for (auto const* sets : {&d.ready, &d.inFlight})
@@ -302,13 +303,8 @@ nlohmann::ordered_json scenarioOf(ManagerDump const& d, std::string const& name)
                       "differ from the recorded run's");
     std::string note = "rebuilt by fbm-sim from-dump from the dump at line " + std::to_string(d.line) + "; guessed: ";
     for (size_t i = 0; i < guessed.size(); ++i) note += (i ? "; " : "") + guessed[i];
-    // The note first: a reader sees what was guessed before the values.
-    json out;
-    out["name"] = s["name"];
-    out["_from_dump"] = note;
-    for (auto it = s.begin(); it != s.end(); ++it)
-        if (it.key() != "name") out[it.key()] = it.value();
-    return out;
+    s["_from_dump"] = note;
+    return s;
 }
 
 int fromDumpMain(int argc, char** argv) {

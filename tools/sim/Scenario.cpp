@@ -252,11 +252,6 @@ Scenario parseObject(json const& j, std::string const& root) {
             s.metas.push_back(c);
         }
     }
-    auto imageIds = [&] {
-        std::set<int64_t> out;
-        for (auto const& c : s.images) out.insert(c.id);
-        return out;
-    }();
     if (auto groups = j.find("sharedGroups"); groups != j.end()) {
         if (!groups->is_array()) fail(root + ".sharedGroups", "must be an array of arrays of stream ids");
         std::set<int64_t> grouped;
@@ -320,14 +315,14 @@ Scenario parseObject(json const& j, std::string const& root) {
             PoolChange c;
             if (!e.contains("stream")) fail(where, "needs a stream");
             c.stream = idOf(e["stream"], where + ".stream");
-            if (imageIds.count(c.stream) == 0) fail(where + ".stream", "is not an image stream of the scenario");
+            auto const img = std::find_if(s.images.begin(), s.images.end(),
+                                          [&](ImageStreamCfg const& i) { return i.id == c.stream; });
+            if (img == s.images.end()) fail(where + ".stream", "is not an image stream of the scenario");
             // The library changes only a pool's maximum; any other stream would run as if the
             // change were not there.
-            for (auto const& img : s.images) {
-                if (img.id == c.stream && img.source != Source::Pool) {
-                    fail(where + ".stream", std::string("is a ") + sourceName(img.source) +
-                                                " stream: only a pool stream's maximum can be changed");
-                }
+            if (img->source != Source::Pool) {
+                fail(where + ".stream", std::string("is a ") + sourceName(img->source) +
+                                            " stream: only a pool stream's maximum can be changed");
             }
             c.atFrame = static_cast<uint32_t>(integer(e, "atFrame", where, 0, 0, kMaxFrames));
             c.maxBuffers = static_cast<int>(integer(e, "maxBuffers", where, 1, 1, kMaxBuffers));
