@@ -31,18 +31,24 @@ BufferHeapPool::BufferHeapPool(std::string name, HeapAllocator& allocator)
       mAllocator(allocator) {}
 
 BufferHeapPool::~BufferHeapPool() {
-    // Each wake-up is sent under the lock its waiter tests mExit with, so it cannot be missed.
+    // Each wake-up is sent under the lock its waiter tests mExit with, so it cannot be missed, and
+    // to every waiter: whatever sleeps there is joined below.
     mExit = true;
     {
         LockGuard<Mutex> lk(mListLock);
-        mAvailableCond.notifyOne();
+        mAvailableCond.notifyAll();
     }
     {
         LockGuard<Mutex> lk(mCountLock);
-        mUpdateCond.notifyOne();
+        mUpdateCond.notifyAll();
     }
-    for (auto& f : mUpdateFutures) f.get();
-    mUpdateFutures.clear();
+    std::vector<std::future<int32_t>> futures;
+    {
+        LockGuard<Mutex> lk(mSizingLock);
+        futures.swap(mUpdateFutures);
+    }
+    for (auto& f : futures) f.get();
+    futures.clear();
     std::list<Slot> available;  // its heaps are let go outside the lock
     std::ostringstream oss;
     size_t inUse = 0;
@@ -69,17 +75,24 @@ int32_t BufferHeapPool::allocateBuffers(char const* streamName, int64_t streamId
         return -EINVAL;
     }
     size_t logged = max;
-    if (!mInitialized) {
-        // The first sizing is capped whatever the maximum; the pool grows later only through
-        // updateMaxBuffer.
-        int32_t const cap = ((streamId & kSpecialIdMask) == kSpecialIdValue) ? kFirstTargetCapSpecial
-                                                                             : kFirstTargetCap;
-        int32_t const target = static_cast<int32_t>(std::min<size_t>(max, cap));
-        mAllocatedCount.store(0);
-        mMinInitBuffer = static_cast<int32_t>(min);
-        updateBufferCount(target);
-        mInitialized = true;
-        logged = static_cast<size_t>(target);
+    {
+        // Every member of a pool-shared group may get here first, on its own thread.
+        LockGuard<Mutex> lk(mSizingLock);
+        if (!mInitialized) {
+            // The first sizing is capped whatever the maximum; the pool grows later only through
+            // updateMaxBuffer.
+            int32_t const cap = ((streamId & kSpecialIdMask) == kSpecialIdValue)
+                                    ? kFirstTargetCapSpecial
+                                    : kFirstTargetCap;
+            int32_t const target = static_cast<int32_t>(std::min<size_t>(max, cap));
+            // A worker already started by a change of the maximum counts the heaps it made:
+            // zeroing its count would make it allocate past its target.
+            if (mUpdateFutures.empty()) mAllocatedCount.store(0);
+            mMinInitBuffer = static_cast<int32_t>(min);
+            updateBufferCountLocked(target);
+            mInitialized = true;
+            logged = static_cast<size_t>(target);
+        }
     }
     MY_LOGD("[%s] max(%zu) min(%zu)", streamName, logged, min);
     return 0;
@@ -148,6 +161,11 @@ bool BufferHeapPool::waitForHeap(uint64_t seen, std::chrono::nanoseconds slice) 
 }
 
 int32_t BufferHeapPool::updateBufferCount(int32_t count) {
+    LockGuard<Mutex> lk(mSizingLock);
+    return updateBufferCountLocked(count);
+}
+
+int32_t BufferHeapPool::updateBufferCountLocked(int32_t count) {
     CAM_TRACE_NAME("updateBufferCount");
     {
         LockGuard<Mutex> lk(mCountLock);
@@ -157,7 +175,8 @@ int32_t BufferHeapPool::updateBufferCount(int32_t count) {
     if (mUpdateFutures.empty()) {
         mUpdateFutures.push_back(std::async(std::launch::async, [this]() { return workerLoop(); }));
     } else {
-        MY_LOGD("notify existed updateBufferCount thread: pool(%s)", mPoolName.c_str());
+        MY_LOGD_AS("updateBufferCount", "notify existed updateBufferCount thread: pool(%s)",
+                   mPoolName.c_str());
         mUpdateCond.notifyOne();
         // A worker waiting to shed a heap looks at the new target too.
         LockGuard<Mutex> lk(mListLock);
@@ -318,12 +337,19 @@ bool BufferHeapPool::isPoolNeedRelease(int32_t& needRelease) {
 
 void BufferHeapPool::dumpPool() const {
     if (!NSCam::Utils::ULog::ulogInfoOn()) return;
+    size_t futures;
+    int32_t minInit;
+    {
+        LockGuard<Mutex> lk(mSizingLock);  // another member's first sizing may be writing them
+        futures = mUpdateFutures.size();
+        minInit = mMinInitBuffer;
+    }
     std::ostringstream oss;
     oss << "Pool(" << mPoolName << "-" << static_cast<void const*>(this) << ") "
         << "logLevel(" << mLogLevel << ") "
-        << "future(#" << mUpdateFutures.size() << ") "
+        << "future(#" << futures << ") "
         << "max(#" << mAllocatedCount.load() << ") "
-        << "min(#" << mMinInitBuffer << ") ";
+        << "min(#" << minInit << ") ";
     {
         LockGuard<Mutex> lk(mListLock);
         oss << "available(#" << mAvailableBuf.size() << "): ";

@@ -6,6 +6,8 @@
 // background worker per pool, which drives the pool towards a target count one heap per pass.
 //
 // Locks, outermost first:
+//   mSizingLock    the first sizing and the worker's launch: every producer of a pool-shared group
+//                  may size it, from any thread (a deferred group's members are triggered apart).
 //   mListLock      guards both lists, which every acquire and release changes together.
 //   mCountLock     guards the target and the pending decrease; never held with mListLock.
 //   mHeapWaitLock  the wait for a heap (waitForHeap); taken alone, or innermost.
@@ -45,15 +47,16 @@ public:
     BufferHeapPool& operator=(BufferHeapPool const&) = delete;
 
     // First sizing, effective once: starts the worker towards min(max, 4 or 7). -22 if min > max.
-    int32_t allocateBuffers(char const* streamName, int64_t streamId, size_t max, size_t min);
+    int32_t allocateBuffers(char const* streamName, int64_t streamId, size_t max, size_t min)
+        EXCLUDES(mSizingLock);
     // 0 and the heap, or -110 when none is available (out untouched).
     int32_t acquireFromPool(char const* callerName, HeapPtr& out) EXCLUDES(mListLock);
     // 0, or -22 when the heap is not in use from this pool (it stays with the caller).
     int32_t releaseToPool(char const* callerName, HeapPtr&& heap) EXCLUDES(mListLock);
     // Sets the target count and starts or wakes the worker. Always 0.
-    int32_t updateBufferCount(int32_t count) EXCLUDES(mCountLock);
+    int32_t updateBufferCount(int32_t count) EXCLUDES(mSizingLock, mCountLock);
     // Changes the target; records how many heaps must be shed when it drops below the count made.
-    int32_t updateMaxBuffer(int32_t& newMax) EXCLUDES(mCountLock);
+    int32_t updateMaxBuffer(int32_t& newMax) EXCLUDES(mSizingLock, mCountLock);
     int32_t getMaxBuffer(int32_t& out) const EXCLUDES(mCountLock);
     int32_t getAllocatedBuffer(int32_t& out) const;
     // A lowered maximum is pending: the available heaps are about to be freed. Asked before every
@@ -65,7 +68,7 @@ public:
     // Whether the producer must make room; consumes the pending decrease. needRelease gets the
     // number of in-use heaps that must come back, when that is above 0.
     bool isPoolNeedRelease(int32_t& needRelease) EXCLUDES(mCountLock, mListLock);
-    void dumpPool() const;
+    void dumpPool() const EXCLUDES(mSizingLock, mListLock);
     char const* poolName() const { return mPoolName.c_str(); }
 
     // Waiting for a heap, for the producers above. availableSeq() counts the heaps that became
@@ -85,6 +88,7 @@ private:
     int32_t getBufferFromPool_l(char const* callerName, HeapPtr& out) REQUIRES(mListLock);
     int32_t returnBufferToPool_l(char const* callerName, HeapPtr& heap) REQUIRES(mListLock);
     bool isPoolWaitForReleaseLocked() const EXCLUDES(mCountLock);  // takes it
+    int32_t updateBufferCountLocked(int32_t count) REQUIRES(mSizingLock) EXCLUDES(mCountLock);
     int32_t workerLoop();
     // A heap was put on mAvailableBuf: wakes whoever waits for one (no pool lock needed).
     void heapAvailable() EXCLUDES(mHeapWaitLock);
@@ -92,13 +96,14 @@ private:
     int32_t mLogLevel;
     std::string mPoolName;
     HeapAllocator mAllocator;
+    mutable Mutex mSizingLock ACQUIRED_BEFORE(mListLock, mCountLock);
     mutable Mutex mListLock;
     std::list<Slot> mAvailableBuf GUARDED_BY(mListLock);  // out at the front, in at the back
     std::list<Slot> mInUseBuf GUARDED_BY(mListLock);      // in acquisition order
-    bool mInitialized = false;  // configuring thread only
+    bool mInitialized GUARDED_BY(mSizingLock) = false;
     std::atomic<bool> mExit{false};
     std::atomic<int32_t> mAllocatedCount{0};  // available + in use; changed by the worker only
-    int32_t mMinInitBuffer = 0;
+    int32_t mMinInitBuffer GUARDED_BY(mSizingLock) = 0;
     int32_t mTargetMaxBuffer GUARDED_BY(mCountLock) = 0;
     int32_t mNeedDecreaseMaxBuffer GUARDED_BY(mCountLock) = 0;
     // Counts target changes (written under mCountLock): the worker's wait for a heap to shed
@@ -107,9 +112,8 @@ private:
     // Whether a decrease is pending, written with mNeedDecreaseMaxBuffer: the acquire path asks
     // on every buffer and need not take mCountLock for the usual answer, no.
     std::atomic<bool> mDecreasePending{false};
-    // The worker's future. Written once (by the first updateBufferCount, on the configuring
-    // thread) before any other thread can see the pool sized; then only read.
-    std::vector<std::future<int32_t>> mUpdateFutures;
+    // The worker's future: at most one, launched by the first updateBufferCount of any producer.
+    std::vector<std::future<int32_t>> mUpdateFutures GUARDED_BY(mSizingLock);
     Condition mAvailableCond;  // a heap came back to mAvailableBuf; with mListLock
     mutable Mutex mCountLock;
     Condition mUpdateCond;  // the target changed, or exit; with mCountLock

@@ -333,6 +333,12 @@ BufferProducer::SbPtr BufferProducer::shareSB(SbPtr const& source) {
         }
         HeapRecord& record = mRecords[static_cast<size_t>(index)];
         sb = Utils::makeHalImageStreamBuffer({mStreamInfo, record.heap, shared_from_this(), nullptr});
+        if (!sb) {
+            // Nothing is tracked: the heap stays with the buffers already over it, and goes back
+            // to the heap pool with the last of them.
+            MY_LOGE("cannot new HalImageStreamBuffer. Something wrong...");
+            return nullptr;
+        }
         if (!trackLocked(sb, static_cast<uint32_t>(index), refCnt)) {
             MY_FATAL("SB(%p) already exist, leak happend... Heap(%p)", sb.get(), record.heap.get());
         }

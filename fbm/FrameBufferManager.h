@@ -15,6 +15,7 @@
 //                   into producer and heap pool locks) with mInSelectLock held.
 //   mInFlightLock before mConfigLock: returning a result looks streams up under it; and the
 //                   metadata it keeps is locked, copied and allocated under it.
+//   mReadyLock before mConfigLock: the ready counters look the sharing groups up under it.
 //   mInFlightLock and mReadyLock are never held together.
 // Producers and heap pools are called with no manager lock held, except that keeping a frame's
 // buffers (shareSB) runs under mInFlightLock and releases run under mInSelectLock as above.
@@ -206,10 +207,13 @@ public:
         EXCLUDES(mConfigLock);
     // The streams that share the pool of `streamId` (itself included), ascending.
     std::set<StreamId_T> getPoolStreams(StreamId_T streamId) const;
+    // The configured sharing groups (may be empty), copied under mConfigLock: a configuration
+    // may replace them at any time.
+    std::shared_ptr<std::vector<std::set<StreamId_T>>> sharedGroups() const EXCLUDES(mConfigLock);
     // The first of getPoolStreams(streamId), without making the set: the key of the ready
-    // counters, looked up for every kept image.
-    StreamId_T poolKeyOf(StreamId_T streamId) const;
-    PoolStreams poolStreamsOf(StreamId_T streamId) const;
+    // counters, looked up for every kept image (in `groups`, taken once for all of them).
+    static StreamId_T poolKeyOf(std::vector<std::set<StreamId_T>> const* groups, StreamId_T streamId);
+    PoolStreams poolStreamsOf(StreamId_T streamId) const EXCLUDES(mConfigLock);
     int configureImageStreams(std::vector<AddImageStream> const& streams,
                               std::vector<std::set<StreamId_T>> const* sharedGroups);
     int addImageStreams(AddImageStreams const& group);
@@ -247,7 +251,8 @@ public:
     void dumpBufferPools(IPrinter& printer) EXCLUDES(mConfigLock);
 
 protected:
-    void increaseReadyCounters(HistoryBufferSet const& set, int delta) REQUIRES(mReadyLock);
+    void increaseReadyCounters(HistoryBufferSet const& set, int delta) REQUIRES(mReadyLock)
+        EXCLUDES(mConfigLock);
     // Moves the oldest recyclable set holding an image of the pool to the back of `out` (the
     // node itself: nothing is allocated). False when there is none.
     bool pickOneHistoryBufferSetLocked(PoolStreams const& poolStreams,
@@ -276,9 +281,8 @@ protected:
     int32_t mLogLevel;
     std::shared_ptr<NSCam::IDebuggeeCookie> mDebuggeeCookie;
     mutable Mutex mConfigLock;
-    // Written under mConfigLock; read without it on the frame path (reconfiguring while frames
-    // flow is not supported).
-    std::shared_ptr<std::vector<std::set<StreamId_T>>> mSharedStreamGroups;
+    // Replaced whole by a configuration; readers copy the handle (sharedGroups).
+    std::shared_ptr<std::vector<std::set<StreamId_T>>> mSharedStreamGroups GUARDED_BY(mConfigLock);
     std::map<StreamId_T, std::shared_ptr<ConfigImageStream>> mConfigImageStreams GUARDED_BY(mConfigLock);
     std::map<StreamId_T, std::shared_ptr<ConfigMetaStream>> mConfigMetaStreams GUARDED_BY(mConfigLock);
     std::shared_ptr<IPrinter> mConfigPrinter GUARDED_BY(mConfigLock);
@@ -287,7 +291,7 @@ protected:
     std::list<InFlightBufferSet> mInFlightList GUARDED_BY(mInFlightLock);
     mutable TimedMutex mInFlightLock ACQUIRED_BEFORE(mConfigLock);
     std::list<HistoryBufferSet> mReadyList GUARDED_BY(mReadyLock);  // ascending timestamp
-    TimedMutex mReadyLock ACQUIRED_AFTER(mInSelectLock);
+    TimedMutex mReadyLock ACQUIRED_AFTER(mInSelectLock) ACQUIRED_BEFORE(mConfigLock);
     // Image handles on the ready list per pool, keyed by the pool's smallest stream id.
     std::map<StreamId_T, int32_t> mReadyStreamCounters GUARDED_BY(mReadyLock);
     int32_t mAcquireTimeoutMs;

@@ -126,8 +126,13 @@ FrameBufferManagerImpl::PoolStreams::PoolStreams(
     }
 }
 
+std::shared_ptr<std::vector<std::set<StreamId_T>>> FrameBufferManagerImpl::sharedGroups() const {
+    LockGuard<Mutex> lk(mConfigLock);
+    return mSharedStreamGroups;
+}
+
 FrameBufferManagerImpl::PoolStreams FrameBufferManagerImpl::poolStreamsOf(StreamId_T streamId) const {
-    return PoolStreams(mSharedStreamGroups, streamId);
+    return PoolStreams(sharedGroups(), streamId);
 }
 
 std::set<StreamId_T> FrameBufferManagerImpl::getPoolStreams(StreamId_T streamId) const {
@@ -136,8 +141,13 @@ std::set<StreamId_T> FrameBufferManagerImpl::getPoolStreams(StreamId_T streamId)
     return out;
 }
 
-StreamId_T FrameBufferManagerImpl::poolKeyOf(StreamId_T streamId) const {
-    return poolStreamsOf(streamId).first();
+StreamId_T FrameBufferManagerImpl::poolKeyOf(std::vector<std::set<StreamId_T>> const* groups,
+                                             StreamId_T streamId) {
+    if (groups == nullptr) return streamId;
+    for (auto const& group : *groups) {
+        if (group.count(streamId) != 0) return *group.begin();  // the first group wins
+    }
+    return streamId;
 }
 
 // =================================================================================================

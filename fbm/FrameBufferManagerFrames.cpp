@@ -335,6 +335,7 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
             if (!done.trackParams->isRecyclable) MY_LOGE("release un-recyclable frame! (due to error)");
             releaseOneBufferSet(done);
         } else {
+            auto const groups = sharedGroups();
             LockGuard<TimedMutex> lk(mReadyLock);
             // From the back: behind the first older set, so a new set goes in front of sets with
             // an equal timestamp.
@@ -359,7 +360,7 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
             hbs->halImage.swap(done.halImage);
             hbs->halMeta.swap(done.halMeta);
             hbs->appMeta.swap(done.appMeta);
-            for (StreamId_T id : done.halImageIds) mReadyStreamCounters[poolKeyOf(id)] += 1;
+            for (StreamId_T id : done.halImageIds) mReadyStreamCounters[poolKeyOf(groups.get(), id)] += 1;
             if (line) *line += " => move to ReadyList";
         }
         recycleInFlightSets(doneNode);
@@ -397,6 +398,7 @@ void FrameBufferManagerImpl::recycleReadySets(std::list<HistoryBufferSet>& sets)
 }
 
 void FrameBufferManagerImpl::increaseReadyCounters(HistoryBufferSet const& set, int delta) {
+    auto const groups = sharedGroups();
     for (auto const& image : set.halImage) {
         if (!image) continue;
         auto info = image->streamInfoOf();
@@ -404,7 +406,7 @@ void FrameBufferManagerImpl::increaseReadyCounters(HistoryBufferSet const& set, 
             MY_LOGE_AS("operator()", "pStreamInfo == nullptr");
             continue;
         }
-        mReadyStreamCounters[poolKeyOf(info->streamId())] += delta;
+        mReadyStreamCounters[poolKeyOf(groups.get(), info->streamId())] += delta;
     }
 }
 
@@ -472,9 +474,11 @@ void FrameBufferManagerImpl::addCopiedMeta(std::shared_ptr<IMetaStreamInfo const
     StreamId_T const streamId = info->streamId();
     IMetadata* locked = buffer->tryReadLockMeta(LOG_TAG);
     if (locked == nullptr) MY_FATAL_AS(fn, "fail to lock metaSB(%#lx)", static_cast<long>(streamId));
-    // The factory's copy is the only one: the source stays locked for it, and no longer.
-    auto kept = Utils::makeHalMetaStreamBuffer({std::move(info), locked});
+    // The read lock brackets only the copy: a producer node may be waiting to write the source.
+    // The read lock brackets only the copy: a producer node may be waiting to write the source.
+    IMetadata copy(*locked);
     buffer->unlockMeta(LOG_TAG, locked);
+    auto kept = Utils::makeHalMetaStreamBuffer({std::move(info), &copy});
     if (kept) {
         out.push_back(std::move(kept));
     } else {

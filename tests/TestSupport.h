@@ -54,6 +54,7 @@ protected:
         host::HeapFactory::failNext(0);
         host::HeapFactory::setCreateHook(nullptr);
         host::StreamBufferFactory::setMetaDestroyHook(nullptr);
+        host::StreamBufferFactory::setMetaCreateHook(nullptr);
         host::LogCapture::setLineHook(nullptr);
     }
     // How many captured lines of each sink contain `text`.

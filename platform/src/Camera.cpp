@@ -311,6 +311,7 @@ std::atomic<uint32_t> gImageStatus{0};
 std::atomic<int64_t> gReleaseToOwnerCalls{0};
 std::atomic<uint64_t> gBufferSeq{0};
 vexlor::host::detail::HookSlot<std::function<void(char const*)>> gMetaDestroyHook;
+vexlor::host::detail::HookSlot<std::function<void(NSCam::IMetadata const*)>> gMetaCreateHook;
 
 using namespace NSCam::v3;
 
@@ -418,6 +419,7 @@ std::shared_ptr<IImageStreamBuffer> makeHalImageStreamBuffer(MakeHalImageStreamB
 }
 
 std::shared_ptr<IMetaStreamBuffer> makeHalMetaStreamBuffer(MakeHalMetaStreamBuffer const& arg) {
+    if (gMetaCreateHook.isSet()) gMetaCreateHook(arg.metadata);
     if (takeFailure(gFailMeta) || arg.metadata == nullptr) return nullptr;
     return std::make_shared<HostMetaStreamBuffer>(arg.streamInfo, *arg.metadata);
 }
@@ -589,6 +591,9 @@ void StreamBufferFactory::failNextMetaLock(int n) { gFailMetaLock = n; }
 void StreamBufferFactory::setImageStatus(uint32_t status) { gImageStatus = status; }
 void StreamBufferFactory::setMetaDestroyHook(std::function<void(char const*)> hook) {
     gMetaDestroyHook.set(std::move(hook));
+}
+void StreamBufferFactory::setMetaCreateHook(std::function<void(NSCam::IMetadata const*)> hook) {
+    gMetaCreateHook.set(std::move(hook));
 }
 int64_t StreamBufferFactory::releaseToOwnerCalls() { return gReleaseToOwnerCalls.load(); }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <vexlor/Debuggee.h>
+#include <vexlor/IMetadata.h>
 #include <vexlor/IPrinter.h>
 #include <vexlor/ImageBufferHeap.h>
 
@@ -139,6 +140,9 @@ public:
     static void failNextMeta(int n);
     static void failNextMetaLock(int n);  // tryReadLockMeta returns null
     static void setImageStatus(uint32_t status);  // statusOf() of buffers made afterwards
+    // Called at every metadata stream buffer made, before it decides, with the metadata it is
+    // to copy, on the calling thread (nullptr to remove).
+    static void setMetaCreateHook(std::function<void(NSCam::IMetadata const*)> hook);
     // Called whenever a metadata stream buffer is destroyed, on the destroying thread.
     static void setMetaDestroyHook(std::function<void(char const* name)> hook);
     static int64_t releaseToOwnerCalls();
