@@ -24,7 +24,7 @@ public:
             return failWith;
         }
         auto heap = nivo::IImageBufferHeapFactory::create("provider", request.pStreamInfo->streamName(), {}, false);
-        callback(Utils::makeHalImageStreamBuffer({request.pStreamInfo, heap, nullptr, nullptr}));
+        callback(Utils::makeHalImageStreamBuffer({infoOfBuffers ? infoOfBuffers : request.pStreamInfo, heap, nullptr, nullptr}));
         return 0;
     }
     std::atomic<int> calls{0};

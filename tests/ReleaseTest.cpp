@@ -57,6 +57,21 @@ TEST_F(ReleaseTest, NonRecyclableSetsAreNeverReleasedToFeedAPool) {
     releaseEverythingAndCheck();
 }
 
+TEST_F(ReleaseTest, StarvingPoolSkipsOlderSetsItCannotUse) {
+    host::setULogSwitches(2, 0, 1);
+    roomForKeptFrames(3);
+    keptFrame(1, 100, kPreview, false);  // oldest: not recyclable
+    keptFrame(2, 150, kFullA);           // recyclable, but none of the pool's images
+    keptFrame(3, 200, kPreview);
+    auto [e1, a] = request(kPreview, 4);  // the third heap
+    ASSERT_EQ(e1, 0);
+    auto [e2, b] = request(kPreview, 5);  // starving: frame 3 is the one to release
+    ASSERT_EQ(e2, 0);
+    EXPECT_EQ(mManager->readyFrames(), (std::vector<uint32_t>{1, 2}));
+    EXPECT_EQ(mManager->readyCounters()[kPreview], 1);
+    releaseEverythingAndCheck({&a, &b});
+}
+
 TEST_F(ReleaseTest, CountRulesOfASingleStreamPool) {
     host::setULogSwitches(5, 0x207000, 1);
     roomForKeptFrames(8);

@@ -115,9 +115,16 @@ TEST_F(RequestTest, ErrorsOfEachSource) {
 
 TEST_F(RequestTest, AProviderMayAnswerAfterTheRequestReturned) {
     configure();
-    mHalProvider->answerLater = true;
     mHalProvider->infoOfBuffers = mInfos[kHalProv];
     auto requestInfo = imageInfo({.id = kHalProv, .name = "halProv"});  // same layout, new object
+    {
+        // An answer during the call: the buffer carries the request's info once the call returns.
+        auto [err, early] = request(kHalProv, 1, requestInfo);
+        ASSERT_EQ(err, 0);
+        EXPECT_EQ(early->streamInfoOf().get(), requestInfo.get());
+        early->releaseToOwner();
+    }
+    mHalProvider->answerLater = true;
     std::promise<SbPtr> answered;
     {
         std::array<char, 256> big;  // a capture that std::function keeps on the heap
@@ -186,7 +193,7 @@ TEST_F(RequestTest, GroupsThatCannotShareAreSetUpOneByOne) {
     host::HeapFactory::setRecordCalls(true);
     IFrameBufferManager::ConfigureStreams cfg;
     cfg.sharedGroups = std::make_shared<std::vector<std::set<StreamId_T>>>(
-        std::vector<std::set<StreamId_T>>{{0x10, 0x11, 0x12}, {0x20, 0x21}, {0x30, 0x31}, {0x40}});
+        std::vector<std::set<StreamId_T>>{{0x10, 0x11, 0x12}, {0x20, 0x21}, {0x30, 0x31}, {0x40}, {0x50, 0x51, 0x52}});
     cfg.imageStreams = {
         {imageInfo({.id = 0x10, .name = "a", .max = 1, .min = 1}), eHAL_IMAGE_POOL, nullptr},
         {imageInfo({.id = 0x11, .name = "b", .max = 1, .min = 1}), eHAL_IMAGE_RUNTIME, nullptr},
@@ -197,11 +204,30 @@ TEST_F(RequestTest, GroupsThatCannotShareAreSetUpOneByOne) {
         {imageInfo({.id = 0x30, .name = "y1", .w = 64, .h = 64, .max = 1, .min = 1}), eHAL_IMAGE_POOL, nullptr},
         {imageInfo({.id = 0x31, .name = "y2", .w = 32, .h = 32, .max = 1, .min = 1}), eHAL_IMAGE_POOL, nullptr},
         {imageInfo({.id = 0x40, .name = "alone", .max = 1, .min = 1}), eHAL_IMAGE_POOL, nullptr},
+        // Three that can share: one pool for the three.
+        {imageInfo({.id = 0x50, .name = "t1", .max = 2, .min = 1}), eHAL_IMAGE_POOL, nullptr},
+        {imageInfo({.id = 0x51, .name = "t2", .max = 1, .min = 1}), eHAL_IMAGE_POOL, nullptr},
+        {imageInfo({.id = 0x52, .name = "t3", .max = 2, .min = 1}), eHAL_IMAGE_POOL, nullptr},
     };
     mManager->beginConfigure();
     ASSERT_EQ(mManager->configureStreams(cfg), 0);
     mManager->endConfigure();
-    ASSERT_TRUE(poolsFilled({{0x10, 1}, {0x11, 1}, {0x12, 1}, {0x20, 1}, {0x30, 1}, {0x31, 1}, {0x40, 1}}));
+    ASSERT_TRUE(poolsFilled({{0x10, 1}, {0x11, 1}, {0x12, 1}, {0x20, 1}, {0x30, 1}, {0x31, 1}, {0x40, 1},
+                             {0x50, 2}, {0x51, 2}, {0x52, 2}}));
+    auto heaps = host::HeapFactory::memory();
+    EXPECT_EQ(heaps["shared-0x50-0x51-0x52"].heaps, 2);  // the three draw from one pool
+    EXPECT_EQ(heaps["y1"].heaps, 1);
+    EXPECT_EQ(heaps["y2"].heaps, 1);
+    {
+        // Members that cannot share keep a pool each: y1's only heap out, y2 is served at once.
+        auto [e1, y1] = request(0x30, 1, mManager->queryConfigImageStream(0x30)->info);
+        auto [e2, y2] = request(0x31, 1, mManager->queryConfigImageStream(0x31)->info);
+        auto [e3, c] = request(0x12, 1, mManager->queryConfigImageStream(0x12)->info);
+        EXPECT_EQ(e1 | e2 | e3, 0);
+        EXPECT_EQ(host::HeapFactory::memory()["y2"].heaps, 1);
+        for (SbPtr* sb : {&y1, &y2, &c})
+            if (*sb) (*sb)->releaseToOwner();
+    }
 
     host::StringPrinter printer;
     mManager->dumpConfigStreams(printer);
@@ -276,6 +302,55 @@ TEST_F(RequestTest, ADeferredSharingGroupDrawsFromOneHeapPool) {
     }
     EXPECT_EQ(host::HeapFactory::alive(), 4);
     for (auto& sb : out) sb->releaseToOwner();
+}
+
+// A deferred group triggered member by member, in either order, while the first triggered member's
+// buffers are out: one heap pool serves both, and what the first holds goes back to it.
+TEST_F(RequestTest, ADeferredGroupTriggeredMemberByMemberKeepsOnePool) {
+    for (bool firstMemberFirst : {true, false}) {
+        SCOPED_TRACE(firstMemberFirst ? "first member first" : "second member first");
+        remakeManager("deferred");
+        host::HeapFactory::reset();
+        host::LogCapture::clear();
+        auto a = imageInfo({.id = 0x20, .name = "a", .max = 3, .min = 1, .deferred = true});
+        auto b = imageInfo({.id = 0x21, .name = "b", .max = 2, .min = 1, .deferred = true});
+        IFrameBufferManager::ConfigureStreams cfg;
+        cfg.sharedGroups = std::make_shared<std::vector<std::set<StreamId_T>>>(
+            std::vector<std::set<StreamId_T>>{{0x20, 0x21}});
+        cfg.imageStreams = {{a, eHAL_IMAGE_POOL, nullptr}, {b, eHAL_IMAGE_POOL, nullptr}};
+        mManager->beginConfigure();
+        ASSERT_EQ(mManager->configureStreams(cfg), 0);
+        ASSERT_EQ(mManager->endConfigure(), 0);
+        StreamId_T const first = firstMemberFirst ? 0x20 : 0x21;
+        StreamId_T const second = firstMemberFirst ? 0x21 : 0x20;
+        auto infoOf = [&](StreamId_T id) { return id == 0x20 ? a : b; };
+        ASSERT_EQ(mManager->triggerBufferPool(first), 0);
+        ASSERT_TRUE(poolsFilled({{first, 3}}));
+        std::vector<SbPtr> held;
+        for (int i = 0; i < 2; ++i) {
+            auto [err, sb] = request(first, 1, infoOf(first));
+            ASSERT_EQ(err, 0);
+            held.push_back(sb);
+        }
+        ASSERT_EQ(mManager->triggerBufferPool(second), 0);
+        ASSERT_TRUE(poolsFilled({{0x20, 3}, {0x21, 3}}));
+        auto [err, last] = request(second, 2, infoOf(second));  // the pool's third heap
+        ASSERT_EQ(err, 0);
+        held.push_back(last);
+        EXPECT_EQ(host::HeapFactory::created(), 3);
+        EXPECT_EQ(host::HeapFactory::memory()["shared-0x20-0x21"].heaps, 3);
+        for (auto& sb : held) sb->releaseToOwner();
+        held.clear();
+        EXPECT_EQ(androidCount("fail to return buffer"), 0u);
+        // All three heaps are available to either member again.
+        for (StreamId_T id : {second, first, second}) {
+            auto [e, sb] = request(id, 3, infoOf(id));
+            ASSERT_EQ(e, 0);
+            held.push_back(sb);
+        }
+        for (auto& sb : held) sb->releaseToOwner();
+        EXPECT_EQ(host::HeapFactory::created(), 3);
+    }
 }
 
 TEST_F(RequestTest, PoolMaximumIsReadAndChanged) {
