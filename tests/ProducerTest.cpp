@@ -83,6 +83,21 @@ TEST_F(ProducerTest, BuffersCarryTheStreamAndReturnTheirHeap) {
     EXPECT_TRUE(calls().empty());
 }
 
+TEST_F(ProducerTest, ClearGivesEveryTrackedHeapBackLowestAddressFirst) {
+    auto producer = makeProducer(3);
+    SbPtr a, b, c;
+    for (SbPtr* sb : {&a, &b, &c}) ASSERT_EQ(producer->acquireFromPool("x", *sb, kLong), 0);
+    EXPECT_EQ(producer->releaseToPool("x", c), 0);  // its record stays, spare, with no heap
+    SbPtr shared = producer->shareSB(a);
+    ASSERT_TRUE(shared);
+    producer->clear();  // the buffers live on, untracked
+    EXPECT_EQ(androidCount("fail to return buffer"), 0u);
+    std::shared_ptr<nivo::IImageBufferHeap> heaps[3];
+    for (auto& heap : heaps) ASSERT_EQ(mHeapPool->acquireFromPool("t", heap), 0);
+    EXPECT_LT(heaps[1].get(), heaps[2].get());  // c's first, then a's and b's by address
+    for (auto& heap : heaps) mHeapPool->releaseToPool("t", std::move(heap));
+}
+
 TEST_F(ProducerTest, TimeoutZeroTriesOnceThenGivesUp) {
     auto producer = makeProducer(1);
     SbPtr held, none;
