@@ -92,6 +92,23 @@ TEST(Simulator, DumpShowsConfigurationPoolsAndLists) {
     }
 }
 
+// A dump taken mid-run, as a bug report catches one: the selector's kept sets hold two of
+// capture's heaps at frame 20 and all three at 40, and each dump comes before the run's summary.
+TEST(Simulator, DumpAtShowsThePoolsWhileFramesFlow) {
+    SimRun r = sim("--scenario " FBM_SCENARIO_DIR "/starving.json -n 60 --result-threads 0 --dump-at 20 --dump-at 40");
+    ASSERT_EQ(r.exitCode, 0) << r.out;
+    size_t dumps = 0;
+    for (size_t at = 0; (at = r.out.find("<image streams>", at)) != std::string::npos; ++at) ++dumps;
+    EXPECT_EQ(dumps, 2u);
+    size_t const two = r.out.find("max(#3) min(#3) available(#1): "), three = r.out.find("available(#0): inUse(#3)");
+    ASSERT_NE(two, std::string::npos) << r.out;
+    EXPECT_LT(two, three);
+    EXPECT_LT(r.out.rfind("<ReadyList>"), r.out.find("fbm-sim: scenario \"starving\""));
+    r = sim("-n 60 --dump-at 60");
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_NE(r.out.find("--dump-at 60: the run has frames 0 to 59"), std::string::npos) << r.out;
+}
+
 // Bad option values are checked one by one in SimulatorInput.
 TEST(Simulator, BadScenarioExitsWithTwoAndSaysWhyHelpExitsWithZero) {
     std::string const broken = tempPath("broken.json");

@@ -4,6 +4,9 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
+#include <thread>
+
 namespace fbmsim::detail {
 
 namespace {
@@ -291,6 +294,9 @@ bool Simulation::run() {
     for (uint32_t f = 0; f < mSc.frames; ++f) {
         if (mOpt.realtime) std::this_thread::sleep_until(mStart + std::chrono::duration<double>(f / mSc.fps));
         frame(f);
+        if (std::find(mOpt.dumpAt.begin(), mOpt.dumpAt.end(), f) != mOpt.dumpAt.end()) {
+            std::thread([this] { dumpState(); }).join();  // the results of this frame still flow
+        }
         if ((f + 1) % mSc.selector.everyFrames == 0) {
             if (mWorkers.empty()) {
                 selectOnce(false);

@@ -22,6 +22,9 @@ struct Options {
     bool logcat = false;
     int logLevel = 2;  // the unified logger's detail level
     bool dump = false;
+    // Frames after whose requests the manager's dump is taken mid-run, from a thread of its own
+    // as a system dump would be, and written where the end-of-run dump goes.
+    std::vector<uint32_t> dumpAt;
     std::string traceFile;
     std::string seriesFile;
     std::string plotFile;

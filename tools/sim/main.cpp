@@ -96,8 +96,9 @@ int plan(fbmsim::Scenario const& scenario, fbmsim::Options opt, fbmsim::PlanOpti
          std::vector<std::string> const& varyTexts, std::string const& runsText, std::string const& jsonFile,
          bool quiet, bool terminal) {
     using namespace fbmsim;
-    if (!opt.traceFile.empty() || !opt.seriesFile.empty() || !jsonFile.empty() || opt.dump || opt.injectLeak) {
-        return usageError("plan: --trace, --series, --json, --dump and --inject-leak belong to a single run");
+    if (!opt.traceFile.empty() || !opt.seriesFile.empty() || !jsonFile.empty() || opt.dump || !opt.dumpAt.empty() ||
+        opt.injectLeak) {
+        return usageError("plan: --trace, --series, --json, --dump, --dump-at and --inject-leak belong to a single run");
     }
     std::string why;
     for (auto const& text : varyTexts) {
@@ -186,6 +187,11 @@ int main(int argc, char** argv) {
     app.add_flag("--logcat", opt.logcat, "print the manager's log lines to standard error, logcat-like");
     app.add_option("--log-level", levelText, "unified log detail level: 1 error, 2 warning, 3 info, 5 debug")->type_name("LEVEL");
     app.add_flag("--dump", opt.dump, "print the manager's state dump at the end of the run");
+    std::vector<std::string> dumpAtTexts;
+    app.add_option("--dump-at", dumpAtTexts,
+                   "print the manager's state dump mid-run, right after frame N's requests, from a thread of "
+                   "its own as a system dump is taken (repeatable; with --logcat, standard error and standard "
+                   "output together read as a bug report)")->type_name("N");
     app.add_option("--trace", opt.traceFile, "write the run's trace sections as JSON (opens in ui.perfetto.dev)")->type_name("FILE");
     app.add_option("--series", opt.seriesFile, "write pool occupancy and ready-list length over the run (TSV)")->type_name("FILE");
     app.add_option("--plot", opt.plotFile, "render the series as a PNG plot (needs gnuplot)")->type_name("FILE");
@@ -255,6 +261,11 @@ int main(int argc, char** argv) {
     if (!threadsText.empty() && !wholeNumber(threadsText, 0, 16, threads, why)) {
         return usageError("--result-threads " + threadsText + ": " + why);
     }
+    for (auto const& text : dumpAtTexts) {
+        int64_t at = 0;
+        if (!wholeNumber(text, 0, kMaxFrames - 1, at, why)) return usageError("--dump-at " + text + ": " + why);
+        opt.dumpAt.push_back(static_cast<uint32_t>(at));
+    }
     if (!levelText.empty() && !wholeNumber(levelText, 0, 5, level, why)) {
         return usageError("--log-level " + levelText + ": " + why);
     }
@@ -304,6 +315,14 @@ int main(int argc, char** argv) {
                           "(--allow-bad-groups runs the scenario to watch it do so)");
     }
     if (planning && pipelines.size() != 1) return usageError("plan: the scenario must hold a single pipeline");
+    for (uint32_t at : opt.dumpAt) {
+        for (auto const& scenario : pipelines) {
+            if (at >= scenario.frames) {
+                return usageError("--dump-at " + std::to_string(at) + ": the run has frames 0 to " +
+                                  std::to_string(scenario.frames - 1));
+            }
+        }
+    }
 
     // Logging: nothing is kept in memory (long runs); the log goes to stderr when asked.
     vexlor::host::LogCapture::setCapturing(false);
