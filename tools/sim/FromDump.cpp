@@ -62,7 +62,74 @@ enum class Section { None, Images, Metas, Groups, Other, InFlight, Ready };
 
 }  // namespace
 
-std::vector<ManagerDump> readDumps(std::istream& in) {
+std::map<std::string, int64_t> ManagerDump::heldByProcessing() const {
+    std::map<std::string, std::string> poolOfStream(poolOf.begin(), poolOf.end());
+    std::map<std::string, int64_t> held;
+    for (auto const& [name, pool] : pools) held[name] = pool.inUse;
+    for (auto const* sets : {&ready, &inFlight}) {
+        for (auto const& set : *sets) {
+            for (auto const& id : set.images) {
+                auto const p = poolOfStream.find(id);
+                if (p != poolOfStream.end() && held.count(p->second) != 0) --held[p->second];
+            }
+        }
+    }
+    for (auto it = held.begin(); it != held.end();) it = it->second > 0 ? std::next(it) : held.erase(it);
+    return held;
+}
+
+int64_t ManagerDump::newestFrame() const {
+    int64_t newest = -1;
+    for (auto const* sets : {&ready, &inFlight})
+        for (auto const& set : *sets) newest = std::max(newest, static_cast<int64_t>(set.frame));
+    return newest;
+}
+
+namespace {
+
+// The log lines a report holds besides the dumps: the producers' time-outs, and the frame numbers
+// and times of the manager's lines (logcat's "MM-DD HH:MM:SS.mmm" first).
+class LogReader {
+public:
+    explicit LogReader(ReportLog* log) : mLog(log) {}
+    void read(std::string const& line, size_t n) {
+        static std::regex const timeout(
+            R"(\[acquireFromPool\] Producer\(\S+ (0x[0-9a-fA-F]+) .*cannot acquire from pool after timeout\((\d+) ns\))");
+        static std::regex const frameNo(R"(\[requestNo:\d+ frameNo:(\d+)\])");
+        static std::regex const when(R"(^(\d\d)-(\d\d) (\d\d):(\d\d):(\d\d\.\d+) )");
+        if (mLog == nullptr) return;
+        std::smatch m;
+        if (line.find("cannot acquire from pool after timeout") != std::string::npos &&
+            std::regex_search(line, m, timeout)) {
+            ++mLog->timeouts[m[1]];
+            mLog->timeoutNs = number(m[2], n);
+        }
+        if (line.find("frameNo:") == std::string::npos || !std::regex_search(line, m, frameNo)) return;
+        int64_t const frame = number(m[1], n);
+        if (mLog->firstFrame < 0 || frame < mLog->firstFrame) mLog->firstFrame = frame;
+        mLog->lastFrame = std::max(mLog->lastFrame, frame);
+        if (!std::regex_search(line, m, when)) return;
+        double const seconds = ((std::stoi(m[2]) * 24 + std::stoi(m[3])) * 60 + std::stoi(m[4])) * 60.0 + std::stod(m[5]);
+        if (mFirst.first < 0) mFirst = {frame, seconds};
+        if (frame > mFirst.first && seconds > mFirst.second) {
+            mLog->fps = static_cast<double>(frame - mFirst.first) / (seconds - mFirst.second);
+        }
+    }
+
+private:
+    static int64_t number(std::string const& text, size_t n) {
+        int64_t v = 0;
+        auto const r = std::from_chars(text.data(), text.data() + text.size(), v);
+        if (r.ec != std::errc()) fail(n, "a number out of range: " + text);
+        return v;
+    }
+    ReportLog* mLog;
+    std::pair<int64_t, double> mFirst{-1, 0.0};  // the first timed line's frame and time
+};
+
+}  // namespace
+
+std::vector<ManagerDump> readDumps(std::istream& in, ReportLog* log) {
     // Found anywhere in a line: whatever prefix logcat or a system dump put before it.
     static std::regex const image(
         R"(\[IMAGE-(HAL|APP)-(USER|POOL|RUNTIME|PROVIDER|\?) *\](0x[0-9a-fA-F]+):(.*) (\d+)x(\d+) fmt:(0x[0-9a-fA-F]+) planes:(\d+) max:(\d+) min:(\d+)( deferred)?$)");
@@ -74,9 +141,11 @@ std::vector<ManagerDump> readDumps(std::istream& in) {
     // parse whole is a cut line, not other output.
     static std::regex const streamStart(R"(\[(IMAGE|META )-(HAL|APP)-\w*\?? *\]0x)");
     static std::regex const producer(R"(\[dump\] Producer\(\S+ (0x[0-9a-fA-F]+) .*\) Pool\((.*)\) InUse\()");
-    static std::regex const pool(R"(\[dumpPool\] Pool\((.*)-0x[0-9a-fA-F]+\) logLevel\()");
+    static std::regex const pool(
+        R"(\[dumpPool\] Pool\((.*)-0x[0-9a-fA-F]+\) logLevel\(.*max\(#(\d+)\).*available\(#(\d+)\).*inUse\(#(\d+)\))");
 
     std::vector<ManagerDump> dumps;
+    LogReader logReader(log);
     Section section = Section::None;
     std::string line;
     bool tooLong = false;
@@ -90,6 +159,7 @@ std::vector<ManagerDump> readDumps(std::istream& in) {
             if (inTable) fail(n, "a line longer than " + std::to_string(kMaxLine) + " bytes inside a stream table");
             continue;
         }
+        logReader.read(line, n);
         if (line.find("<image streams>") != std::string::npos) {
             if (section == Section::Images) {
                 fail(n, "a new dump starts inside the stream table of the dump of line " +
@@ -129,7 +199,8 @@ std::vector<ManagerDump> readDumps(std::istream& in) {
             continue;
         }
         if (line.find("[dumpPool] Pool(") != std::string::npos && std::regex_search(line, m, pool)) {
-            d.poolsMade.insert(m[1]);
+            auto const count = [](std::string const& text) { return std::strtoll(text.c_str(), nullptr, 10); };
+            d.pools[m[1]] = {count(m[2]), count(m[3]), count(m[4])};
             continue;
         }
         switch (section) {
@@ -207,7 +278,7 @@ void checkName(size_t line, std::string const& id, std::string const& name) {
 
 }  // namespace
 
-nlohmann::ordered_json scenarioOf(ManagerDump const& d, std::string const& name) {
+nlohmann::ordered_json scenarioOf(ManagerDump const& d, std::string const& name, ReportLog const* log) {
     using json = nlohmann::ordered_json;
     std::vector<std::string> guessed;
     std::set<std::string> keptImages, keptMetas;
@@ -217,7 +288,31 @@ nlohmann::ordered_json scenarioOf(ManagerDump const& d, std::string const& name)
             keptMetas.insert(s.metas.begin(), s.metas.end());
         }
     }
-    if (d.ready.empty() && d.inFlight.empty()) guessed.push_back("no set was in the dump: no stream is kept");
+    // Heaps in use that no listed set holds are held by processing: the streams of those pools
+    // are kept by their frames, and the selector holds as many sets as the fullest pool shows.
+    std::map<std::string, std::string> poolOf(d.poolOf.begin(), d.poolOf.end());
+    std::set<std::string> const listedImages = keptImages;
+    std::string heldWhy;
+    int64_t heldSets = 0;
+    for (auto const& [pool, heaps] : d.heldByProcessing()) {
+        std::vector<std::string> members, kept;
+        for (auto const& [id, p] : d.poolOf)
+            if (p == pool && std::find(members.begin(), members.end(), id) == members.end()) members.push_back(id);
+        for (auto const& id : members)
+            if (keptImages.count(id) != 0) kept.push_back(id);
+        if (kept.empty()) kept = members;
+        if (kept.empty()) continue;
+        keptImages.insert(kept.begin(), kept.end());
+        auto const sets = (heaps + static_cast<int64_t>(kept.size()) - 1) / static_cast<int64_t>(kept.size());
+        if (sets > heldSets) {
+            heldSets = sets;
+            heldWhy = "pool " + pool + " has " + std::to_string(heaps) + " heap" + (heaps == 1 ? "" : "s") +
+                      " in use that no ready or in-flight set holds";
+        }
+    }
+    if (d.ready.empty() && d.inFlight.empty() && heldSets == 0) {
+        guessed.push_back("no set was in the dump: no stream is kept");
+    }
 
     json s;
     s["name"] = name;
@@ -234,7 +329,13 @@ nlohmann::ordered_json scenarioOf(ManagerDump const& d, std::string const& name)
         fps = 1e9 * static_cast<double>((*hi)->frame - (*lo)->frame) /
               static_cast<double>((*hi)->timestamp - (*lo)->timestamp);
     }
+    char const* fpsFrom = "";
+    if ((fps < kMinFps || fps > kMaxFps) && log != nullptr && log->fps >= kMinFps && log->fps <= kMaxFps) {
+        fps = log->fps;
+        fpsFrom = "the frame rate from the log lines' frame numbers and times; ";
+    }
     if (fps >= kMinFps && fps <= kMaxFps) {
+        if (*fpsFrom != 0) guessed.push_back(std::string(fpsFrom, std::strlen(fpsFrom) - 2));
         char text[32];
         std::snprintf(text, sizeof text, "%.6g", fps);
         s["fps"] = std::stod(text);
@@ -242,7 +343,9 @@ nlohmann::ordered_json scenarioOf(ManagerDump const& d, std::string const& name)
         guessed.push_back("the frame rate (fewer than two timed sets): 30 fps");
     }
 
-    std::map<std::string, std::string> poolOf(d.poolOf.begin(), d.poolOf.end());
+    if (log != nullptr && log->timeoutNs >= 0) {
+        s["properties"] = {{kAcquireTimeoutProperty, (log->timeoutNs + 500000) / 1000000}};
+    }
     for (auto const& img : d.images) {
         checkId(img.line, img.id);
         checkName(img.line, img.id, img.name);
@@ -272,7 +375,7 @@ nlohmann::ordered_json scenarioOf(ManagerDump const& d, std::string const& name)
         if (img.deferred) {
             if (img.source != "POOL") fail(img.line, img.id + ":" + img.name + ": only a pool can be deferred");
             auto const p = poolOf.find(img.id);
-            bool const made = p != poolOf.end() && d.poolsMade.count(p->second) != 0;
+            bool const made = p != poolOf.end() && d.pools.count(p->second) != 0;
             j["triggerAtFrame"] = made ? 0 : kMaxFrames;
             guessed.push_back("when deferred pool " + img.name + " was triggered: " +
                               (made ? "at frame 0 (the dump shows it made)" : "never (the dump shows no heap pool of it)"));
@@ -286,25 +389,70 @@ nlohmann::ordered_json scenarioOf(ManagerDump const& d, std::string const& name)
     }
     if (!d.groups.empty()) s["sharedGroups"] = d.groups;
     // The selector takes the ready list every `everyFrames` frames, as many as the dump's ready
-    // list held, and holds none. Sets with a pool's image are all given back kept, so the ready
-    // list stays as full as the pools allow (a starving pool takes the oldest); sets of metadata
-    // alone could only pile up, and are released.
+    // list held, and holds what processing held. When the listed sets hold a pool's image, the
+    // sets it does not hold are all given back kept, so the ready list stays as full as the pools
+    // allow (a starving pool takes the oldest); sets of metadata alone could only pile up, and
+    // are released.
     bool const poolKept = std::any_of(d.images.begin(), d.images.end(), [&](auto const& img) {
-        return img.source == "POOL" && keptImages.count(img.id) != 0;
+        return img.source == "POOL" && listedImages.count(img.id) != 0;
     });
-    s["selector"] = {{"everyFrames", std::max<size_t>(1, d.ready.size())},
-                     {"keepNewest", 0},
-                     {"returnKept", poolKept ? 1.0 : 0.0}};
-    guessed.push_back("how long the selector holds a set: it holds none, and gives back kept every set with a "
-                      "pool's image");
-    guessed.push_back("the frames in flight, result batches, destroyed "
-                      "frames, the providers' latency and the acquire time-out: the simulator's defaults");
+    uint64_t const everyFrames = std::max<size_t>(1, d.ready.size());
+    double const returnKept = poolKept ? 1.0 : 0.0;
+    if (heldSets > 0) {
+        s["selector"] = {{"everyFrames", everyFrames}, {"keepNewest", 1}, {"holdSelections", heldSets},
+                         {"returnKept", returnKept}};
+        guessed.push_back("processing: the selector holds " + std::to_string(heldSets) + " set" +
+                          (heldSets == 1 ? "" : "s") + ", the newest of each selection for " +
+                          std::to_string(heldSets) + " selection" + (heldSets == 1 ? "" : "s") + ", as " + heldWhy);
+    } else {
+        s["selector"] = {{"everyFrames", everyFrames}, {"keepNewest", 0}, {"returnKept", returnKept}};
+        guessed.push_back("how long the selector holds a set: it holds none (every heap in use is in a listed "
+                          "set), and gives back kept every set with a pool's image");
+    }
+    std::string const timeout = log != nullptr && log->timeoutNs >= 0 ? "" : " and the acquire time-out";
+    guessed.push_back("the frames in flight, result batches, destroyed frames, the providers' latency" + timeout +
+                      ": the simulator's defaults");
     guessed.push_back("pool changes made during the recorded run are not in a dump: none here, so counts may "
                       "differ from the recorded run's");
     std::string note = "rebuilt by fbm-sim from-dump from the dump at line " + std::to_string(d.line) + "; guessed: ";
     for (size_t i = 0; i < guessed.size(); ++i) note += (i ? "; " : "") + guessed[i];
+    note += "; recorded: ";
+    if (log == nullptr || log->frames() == 0) {
+        note += "no log line with a frame number";
+    } else {
+        note += "frames " + std::to_string(log->firstFrame) + " to " + std::to_string(log->lastFrame) + " in the log";
+        for (auto const& img : d.images) {
+            auto const t = log->timeouts.find(img.id);
+            if (t != log->timeouts.end()) note += ", " + std::to_string(t->second) + " acquire time-outs of " + img.name;
+        }
+    }
     s["_from_dump"] = note;
     return s;
+}
+
+nlohmann::ordered_json scenarioOfDumps(std::vector<ManagerDump> const& dumps, size_t pick, ReportLog const* log) {
+    if (pick != 0 || dumps.size() == 1) {
+        size_t const i = pick != 0 ? pick - 1 : 0;
+        return scenarioOf(dumps[i], "from-dump-" + std::to_string(i + 1), log);
+    }
+    // Pipelines of one run need ids and names of their own.
+    nlohmann::ordered_json out;
+    std::map<std::string, size_t> ids, names;
+    out["name"] = "from-dump";
+    for (size_t i = 0; i < dumps.size(); ++i) {
+        for (auto const& img : dumps[i].images) {
+            for (auto* seen : {&ids, &names}) {
+                auto const& key = seen == &ids ? img.id : img.name;
+                auto const [it, fresh] = seen->emplace(key, i + 1);
+                if (!fresh && it->second != i + 1) {
+                    throw DumpError("managers " + std::to_string(it->second) + " and " + std::to_string(i + 1) +
+                                    " both have stream " + key + ", which one run cannot hold: rebuild each with --pick N");
+                }
+            }
+        }
+        out["pipelines"].push_back(scenarioOf(dumps[i], "from-dump-" + std::to_string(i + 1), log));
+    }
+    return out;
 }
 
 int fromDumpMain(int argc, char** argv) {
@@ -330,6 +478,7 @@ int fromDumpMain(int argc, char** argv) {
     if (app.count("-o") != 0 && outFile.empty()) return usage("-o: the file name is empty");
 
     std::vector<ManagerDump> dumps;
+    ReportLog log;
     std::string const source = file == "-" ? "standard input" : file;
     try {
         std::ifstream f;
@@ -337,7 +486,7 @@ int fromDumpMain(int argc, char** argv) {
             f.open(file, std::ios::binary);
             if (!f) return usage(source + ": cannot be read");
         }
-        dumps = readDumps(file == "-" ? std::cin : f);
+        dumps = readDumps(file == "-" ? std::cin : f, &log);
     } catch (DumpError const& e) {
         return usage(source + ": " + e.what());
     }
@@ -359,28 +508,7 @@ int fromDumpMain(int argc, char** argv) {
 
     nlohmann::ordered_json out;
     try {
-        if (pick != 0 || dumps.size() == 1) {
-            size_t const i = pick != 0 ? pick - 1 : 0;
-            out = scenarioOf(dumps[i], "from-dump-" + std::to_string(i + 1));
-        } else {
-            // Pipelines of one run need ids and names of their own.
-            std::map<std::string, size_t> ids, names;
-            out["name"] = "from-dump";
-            for (size_t i = 0; i < dumps.size(); ++i) {
-                for (auto const& img : dumps[i].images) {
-                    for (auto* seen : {&ids, &names}) {
-                        auto const& key = seen == &ids ? img.id : img.name;
-                        auto const [it, fresh] = seen->emplace(key, i + 1);
-                        if (!fresh && it->second != i + 1) {
-                            return usage(source + ": managers " + std::to_string(it->second) + " and " +
-                                         std::to_string(i + 1) + " both have stream " + key +
-                                         ", which one run cannot hold: rebuild each with --pick N");
-                        }
-                    }
-                }
-                out["pipelines"].push_back(scenarioOf(dumps[i], "from-dump-" + std::to_string(i + 1)));
-            }
-        }
+        out = scenarioOfDumps(dumps, pick, &log);
     } catch (DumpError const& e) {
         return usage(source + ": " + e.what());
     }

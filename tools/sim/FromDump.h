@@ -4,6 +4,7 @@
 // ends, cut lines) and rebuilds the scenario each describes.
 #include <cstdint>
 #include <istream>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -44,16 +45,41 @@ struct ManagerDump {
     std::vector<std::vector<std::string>> groups;
     std::vector<Set> ready, inFlight;
     std::vector<std::pair<std::string, std::string>> poolOf;  // stream id, its heap pool's name
-    std::set<std::string> poolsMade;                        // heap pools the dump shows made
+    struct HeapPool {
+        int64_t max = 0, available = 0, inUse = 0;
+    };
+    std::map<std::string, HeapPool> pools;  // the heap pools the dump shows made, by name
+
+    // Heaps of each pool in use that no ready or in-flight set holds: held by processing (the
+    // selector's sets kept for a multi-frame feature), or by the pipeline.
+    std::map<std::string, int64_t> heldByProcessing() const;
+    // The newest frame its sets show, or -1.
+    int64_t newestFrame() const;
+};
+
+// What a bug report's log lines around the dumps recorded.
+struct ReportLog {
+    std::map<std::string, uint64_t> timeouts;  // acquire time-outs per stream id
+    int64_t timeoutNs = -1;                    // the acquire time-out in use, when a line shows it
+    int64_t firstFrame = -1, lastFrame = -1;   // of the frame numbers the lines carry
+    double fps = 0;                            // from frame numbers and log times, when they tell
+    int64_t frames() const { return firstFrame < 0 ? 0 : lastFrame - firstFrame + 1; }
 };
 
 // Every dump in `in`, in order; read line by line, so memory stays bounded whatever its size.
 // Throws DumpError for a text that holds no dump, or a dump that is cut or does not parse.
-std::vector<ManagerDump> readDumps(std::istream& in);
+// `log`, when given, receives what the log lines recorded.
+std::vector<ManagerDump> readDumps(std::istream& in, ReportLog* log = nullptr);
 
 // The scenario a dump describes. What the dump cannot tell gets the simulator's defaults, named
 // in the scenario's "_from_dump" note. Throws DumpError for a stream the simulator cannot make.
-nlohmann::ordered_json scenarioOf(ManagerDump const& dump, std::string const& name);
+// With `log`, the acquire time-out and the frame rate come from it where the dump cannot tell, and
+// what it recorded goes into the note.
+nlohmann::ordered_json scenarioOf(ManagerDump const& dump, std::string const& name, ReportLog const* log = nullptr);
+
+// The scenario file of every dump (one pipeline each), or of the `pick`-th (from 1; 0: all).
+// Throws DumpError for a set of dumps one run cannot hold.
+nlohmann::ordered_json scenarioOfDumps(std::vector<ManagerDump> const& dumps, size_t pick, ReportLog const* log);
 
 // `fbm-sim from-dump FILE [-o OUT] [--pick N]`: the exit status (0, or 2 for bad input).
 int fromDumpMain(int argc, char** argv);
