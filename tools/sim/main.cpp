@@ -16,6 +16,7 @@
 #include "FromDump.h"
 #include "Outputs.h"
 #include "Plan.h"
+#include "Replay.h"
 #include "Scenario.h"
 #include "Simulation.h"
 
@@ -161,7 +162,8 @@ int main(int argc, char** argv) {
         "fbm-sim: runs a frame buffer manager like a camera pipeline and reports what happened.\n"
         "Exit status: 0 when every buffer came back, 1 when anything was lost or an output could not be "
         "written, 2 for bad usage.\n"
-        "fbm-sim from-dump FILE rebuilds a scenario from the manager's dumps in a bug report (see its --help)."};
+        "fbm-sim from-dump FILE rebuilds a scenario from the manager's dumps in a bug report (see its --help); "
+        "fbm-sim replay REPORT runs it and sets it beside what the report recorded."};
     app.get_formatter()->column_width(34);
 
     Options opt;
@@ -221,10 +223,20 @@ int main(int argc, char** argv) {
                         "runs per value, 1 to 20 (default 1, or 3 with --result-threads above 0, whose "
                         "results vary from run to run)")->type_name("N");
 
+    std::string reportFile, pickText;
+    CLI::App* replayCmd = app.add_subcommand(
+        "replay", "rebuild the scenario of a bug report's dump as from-dump does, run it with the run options "
+                  "above, and print what the report recorded beside what the run did, per stream (time-outs per "
+                  "100 requests, pool in use at the dump's frame, ready list), with a verdict; where the stall is "
+                  "reproduced, plan the starving pools. Exit 0 when it ran, whatever the verdict; 2 for bad input");
+    replayCmd->fallthrough();
+    replayCmd->add_option("REPORT", reportFile, "the bug report (logcat, dumps), or - for standard input")->required();
+    replayCmd->add_option("--pick", pickText, "of several managers, replay only the N-th (from 1)")->type_name("N");
+
     try {
         app.parse(argc, argv);
     } catch (CLI::CallForHelp const&) {
-        std::cout << (*planCmd ? planCmd->help() : app.help());
+        std::cout << (*planCmd ? planCmd->help() : *replayCmd ? replayCmd->help() : app.help());
         return 0;
     } catch (CLI::ParseError const& e) {
         return usageError(e.what());
@@ -284,12 +296,24 @@ int main(int argc, char** argv) {
         opt.props.emplace_back(p.substr(0, eq), static_cast<int>(value));
     }
 
+    bool const replaying = static_cast<bool>(*replayCmd);
+    ReplayInput replay;
     std::vector<Scenario> pipelines;
-    try {
-        pipelines = scenarioFile.empty() ? std::vector<Scenario>{parseScenario(defaultScenarioJson())}
-                                         : loadScenarios(scenarioFile);
-    } catch (ScenarioError const& e) {
-        return usageError(std::string("bad scenario: ") + e.what());
+    if (replaying) {
+        if (!scenarioFile.empty()) return usageError("replay: the scenario is the report's; --scenario belongs to a run");
+        if (opt.dump || !opt.dumpAt.empty()) return usageError("replay: it dumps at the report's frame; --dump and --dump-at belong to a run");
+        int64_t pick = 0;
+        if (!pickText.empty() && !wholeNumber(pickText, 1, 1000000, pick, why)) return usageError("--pick " + pickText + ": " + why);
+        if (reportFile.empty()) return usageError("replay: REPORT: the file name is empty");
+        if (!loadReplay(reportFile, static_cast<size_t>(pick), replay, why)) return usageError("replay: " + why);
+        pipelines = replay.pipelines;
+    } else {
+        try {
+            pipelines = scenarioFile.empty() ? std::vector<Scenario>{parseScenario(defaultScenarioJson())}
+                                             : loadScenarios(scenarioFile);
+        } catch (ScenarioError const& e) {
+            return usageError(std::string("bad scenario: ") + e.what());
+        }
     }
     std::string const place = scenarioFile.empty() ? "" : scenarioFile + ": ";
     bool badGroups = false;
@@ -307,7 +331,7 @@ int main(int argc, char** argv) {
         uint32_t const inFlight = opt.resultThreads == 0 ? 1 : scenario.inFlightDepth;
         for (auto const& warning :
              starvationWarnings(scenario, acquireTimeoutMs(scenario.properties, opt.props).value_or(1500), inFlight)) {
-            if (!planning) std::cerr << "fbm-sim: warning: " << warning << "\n";  // a plan tries other maximums
+            if (!planning && !replaying) std::cerr << "fbm-sim: warning: " << warning << "\n";  // a plan tries other maximums
         }
     }
     if (badGroups && !allowBadGroups) {
@@ -349,9 +373,25 @@ int main(int argc, char** argv) {
     opt.progressLines = !noProgress && !opt.logcat && !terminal;
 
     if (!opt.traceFile.empty()) trace.start();
-    ProcessReport process = runSimulations(pipelines, opt, std::cout);
+    ProcessReport process;
+    ReplayOutcome replayed;
+    if (replaying) {
+        for (auto& scenario : replay.pipelines) {
+            if (frames != 0) scenario.frames = static_cast<uint32_t>(frames);
+            if (fps != 0) scenario.fps = fps;
+        }
+        if (!acquireTimeoutMs(replay.pipelines.front().properties, opt.props).has_value()) {
+            // A starving replay would wait 1.5 s a request, as plan would: 20 ms unless told.
+            opt.props.emplace_back(kAcquireTimeoutProperty, 20);
+            std::cout << "fbm-sim replay: acquire time-out 20 ms: the report does not show it (--prop to change it)\n";
+        }
+        replayed = runReplay(replay, opt, std::cout, process);
+    } else {
+        process = runSimulations(pipelines, opt, std::cout);
+    }
     bool const several = process.pipelines.size() > 1;
     for (auto const& report : process.pipelines) {
+        if (replaying) break;  // the replay printed its reports, with the recorded figures
         if (several) std::cout << "\n==== pipeline \"" << report.scenario << "\" ====\n";
         printReport(report, std::cout);
     }
@@ -379,13 +419,28 @@ int main(int argc, char** argv) {
         else failed(error);
     }
     if (json.isOpen()) {
-        json.out() << (several ? processJson(process) : reportJson(report));
+        std::string text = several ? processJson(process) : reportJson(report);
+        if (replaying) {
+            auto j = nlohmann::ordered_json::parse(text);
+            j["replay"] = replayed.json;
+            text = j.dump(2) + "\n";
+        }
+        json.out() << text;
         if (!json.close(error)) failed(error);
         else std::cout << "json: " << jsonFile << "\n";
     }
     if (!opt.traceFile.empty()) {
         if (trace.finish(error)) std::cout << "trace: " << opt.traceFile << "\n";
         else failed(error);
+    }
+    if (replaying && !replayed.vary.empty() && replay.pipelines.size() == 1) {
+        // The smallest maximum that ends the stall, with its memory, from the replayed scenario.
+        std::cout << "\nplanning the starving pool" << (replayed.vary.size() == 1 ? "" : "s") << " of the replay:\n";
+        opt.dumpAt.clear();
+        opt.traceFile.clear();
+        opt.seriesFile.clear();
+        opt.plotFile.clear();
+        if (plan(replay.pipelines.front(), opt, planOpt, replayed.vary, "", "", true, terminal) != 0) written = false;
     }
     std::cout.flush();
     if (!std::cout) return kExitLost;  // the report itself could not be written

@@ -1,0 +1,292 @@
+// replay: a bug report rebuilt and run, with what it recorded beside what the run did.
+#include "Replay.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <set>
+#include <sstream>
+
+namespace fbmsim {
+
+namespace {
+
+// Rates within this share of each other reproduce a stall.
+constexpr double kRateTolerance = 0.30;
+constexpr int kMaxHold = kMaxBuffers;
+
+// One stream's figures, as recorded and as replayed.
+struct StreamFigures {
+    std::string id, name;
+    std::string pool;
+    double recordedRate = -1;  // time-outs per 100 requests; -1: the report cannot tell
+    bool recordedStarves = false;
+    int64_t recordedInUse = -1, recordedMax = -1;
+    double replayedRate = 0;
+    int64_t replayedInUse = -1, replayedMax = -1;
+};
+
+std::string poolOfStream(ManagerDump const& d, std::string const& id) {
+    for (auto const& [stream, pool] : d.poolOf)
+        if (stream == id) return pool;
+    return "";
+}
+
+// Time-outs per 100 requests of `ids` in a run.
+double rateOf(RunReport const& r, std::set<std::string> const& ids) {
+    uint64_t timeouts = 0, requests = 0;
+    for (auto const& st : r.streams) {
+        char id[32];
+        std::snprintf(id, sizeof id, "0x%llx", static_cast<unsigned long long>(st.id));
+        if (ids.count(id) == 0) continue;
+        timeouts += st.timeouts;
+        requests += st.requests;
+    }
+    return requests == 0 ? 0 : 100.0 * static_cast<double>(timeouts) / static_cast<double>(requests);
+}
+
+bool closeEnough(double recorded, double replayed) {
+    return std::fabs(replayed - recorded) <= kRateTolerance * recorded;
+}
+
+std::string rateText(double rate) {
+    if (rate < 0) return "?";
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f", rate);
+    return text;
+}
+
+}  // namespace
+
+bool loadReplay(std::string const& file, size_t pick, ReplayInput& out, std::string& why) {
+    out.source = file == "-" ? "standard input" : file;
+    try {
+        std::ifstream f;
+        if (file != "-") {
+            f.open(file, std::ios::binary);
+            if (!f) {
+                why = out.source + ": cannot be read";
+                return false;
+            }
+        }
+        auto dumps = readDumps(file == "-" ? std::cin : f, &out.log);
+        if (pick > dumps.size()) {
+            why = "--pick " + std::to_string(pick) + ": must be from 1 to " + std::to_string(dumps.size()) +
+                  ", the managers found";
+            return false;
+        }
+        auto const scenario = scenarioOfDumps(dumps, pick, &out.log);
+        out.pipelines = parseScenarios(scenario.dump());
+        if (pick != 0) out.dumps = {dumps[pick - 1]};
+        else out.dumps = std::move(dumps);
+    } catch (DumpError const& e) {
+        why = out.source + ": " + e.what();
+        return false;
+    } catch (ScenarioError const& e) {
+        why = out.source + ": the rebuilt scenario is refused: " + e.what();
+        return false;
+    }
+    return true;
+}
+
+ReplayOutcome runReplay(ReplayInput& in, Options options, std::ostream& out, ProcessReport& process) {
+    ReplayOutcome outcome;
+    ReportLog const& log = in.log;
+    bool const logged = log.frames() > 0 || !log.timeouts.empty();
+
+    // The recorded figures, per image stream of each manager.
+    std::vector<std::vector<StreamFigures>> figures(in.dumps.size());
+    for (size_t p = 0; p < in.dumps.size(); ++p) {
+        ManagerDump const& d = in.dumps[p];
+        for (auto const& img : d.images) {
+            StreamFigures f{img.id, img.name, poolOfStream(d, img.id)};
+            auto const pool = d.pools.find(f.pool);
+            if (pool != d.pools.end()) {
+                f.recordedInUse = pool->second.inUse;
+                f.recordedMax = pool->second.max;
+            }
+            if (logged && log.frames() > 0) {
+                auto const t = log.timeouts.find(img.id);
+                uint64_t const timeouts = t == log.timeouts.end() ? 0 : t->second;
+                f.recordedRate = 100.0 * static_cast<double>(timeouts) / static_cast<double>(log.frames());
+                f.recordedStarves = timeouts > 0;
+            } else {
+                // The dump alone: a pool all in use, with heaps that processing holds, starves.
+                auto const held = d.heldByProcessing();
+                f.recordedStarves = pool != d.pools.end() && pool->second.available == 0 &&
+                                    pool->second.inUse >= pool->second.max && held.count(f.pool) != 0;
+            }
+            figures[p].push_back(f);
+        }
+    }
+
+    // How long processing holds its sets is what a dump cannot show; the recorded time-out rate
+    // of the pools it holds tells it. The fit tries holds from the dump's count up, one run each.
+    std::vector<std::string> fitted;
+    for (size_t p = 0; p < in.pipelines.size(); ++p) {
+        Scenario& sc = in.pipelines[p];
+        if (sc.selector.keepNewest == 0 || !logged) continue;
+        auto const held = in.dumps[p].heldByProcessing();
+        std::set<std::string> ids;
+        double recorded = 0, requests = 0;
+        for (auto const& f : figures[p]) {
+            if (held.count(f.pool) == 0 || f.recordedRate < 0) continue;
+            ids.insert(f.id);
+            recorded += f.recordedRate;
+            requests += 1;
+        }
+        if (ids.empty() || recorded == 0) continue;
+        double const target = recorded / requests;
+        Options trial = options;
+        trial.dumpAt.clear();
+        trial.dump = trial.logcat = trial.progress = trial.progressLines = false;
+        trial.traceFile.clear();
+        trial.seriesFile.clear();
+        trial.plotFile.clear();
+        // Results on the requesting thread: nothing can come back during a wait, so a time-out of
+        // 1 ms gives the same counts sooner.
+        if (trial.resultThreads == 0) trial.props.emplace_back(kAcquireTimeoutProperty, 1);
+        std::map<int, double> rates;
+        auto rateAt = [&](int hold) {
+            auto it = rates.find(hold);
+            if (it != rates.end()) return it->second;
+            Scenario s = sc;
+            s.selector.holdSelections = static_cast<uint32_t>(hold);
+            std::ostringstream ignored;
+            return rates[hold] = rateOf(runSimulation(s, trial, ignored), ids);
+        };
+        // Longer holds starve more: the smallest hold at or above the target, or the one below it.
+        int lo = static_cast<int>(sc.selector.holdSelections), hi = kMaxHold;
+        while (lo < hi) {
+            int const mid = lo + (hi - lo) / 2;
+            if (rateAt(mid) < target) lo = mid + 1;
+            else hi = mid;
+        }
+        int best = lo;
+        if (lo > static_cast<int>(sc.selector.holdSelections) &&
+            std::fabs(rateAt(lo - 1) - target) < std::fabs(rateAt(lo) - target)) {
+            best = lo - 1;
+        }
+        fitted.push_back(sc.name + ": the selector holds each set for " + std::to_string(best) +
+                         " selections (the dump shows " + std::to_string(sc.selector.holdSelections) +
+                         " sets held; the recorded rate, " + rateText(target) + " time-outs per 100 requests, needs " +
+                         std::to_string(best) + ")");
+        sc.selector.holdSelections = static_cast<uint32_t>(best);
+    }
+
+    // The run, dumped at the frame the report's dump was taken: its newest set, or the middle of
+    // the frames the log covers, or the middle of the run.
+    int64_t at = -1;
+    for (auto const& d : in.dumps) at = std::max(at, d.newestFrame());
+    if (at < 0 && log.frames() > 0) at = (log.firstFrame + log.lastFrame) / 2;
+    uint32_t const frames = in.pipelines.front().frames;
+    if (at < 0 || at >= frames) at = frames / 2;
+    options.dumpAt = {static_cast<uint32_t>(at)};
+    std::ostringstream dumpText;
+    process = runSimulations(in.pipelines, options, dumpText);
+    std::vector<ManagerDump> replayedDumps;
+    std::istringstream dumpIn(dumpText.str());
+    try {
+        replayedDumps = readDumps(dumpIn);
+    } catch (DumpError const&) {
+        // no dump: the figures at the dump stay unknown
+    }
+    for (size_t p = 0; p < process.pipelines.size(); ++p) {
+        if (process.pipelines.size() > 1) out << "\n==== pipeline \"" << process.pipelines[p].scenario << "\" ====\n";
+        printReport(process.pipelines[p], out);
+    }
+
+    // Side by side, and the verdict.
+    char line[256];
+    out << "\nfbm-sim replay: " << in.source << " recorded ";
+    if (log.frames() > 0) out << "frames " << log.firstFrame << " to " << log.lastFrame << " in its log";
+    else out << "no log line with a frame number (the dump alone)";
+    out << "; the dump at frame " << at << "\n";
+    for (auto const& f : fitted) out << "fitted: " << f << "\n";
+    std::vector<std::string> same, differ;
+    nlohmann::ordered_json streams = nlohmann::ordered_json::array();
+    for (size_t p = 0; p < figures.size() && p < process.pipelines.size(); ++p) {
+        RunReport const& r = process.pipelines[p];
+        ManagerDump const* replayed = p < replayedDumps.size() ? &replayedDumps[p] : nullptr;
+        std::snprintf(line, sizeof line, "%-8s %-12s %10s %10s   %14s %14s\n", "stream", "name", "time-outs", "per 100",
+                      "pool in use", "at the dump");
+        out << line;
+        std::snprintf(line, sizeof line, "%-8s %-12s %10s %10s   %14s %14s\n", "", "", "recorded", "replayed", "recorded",
+                      "replayed");
+        out << line;
+        std::set<std::string> planned;
+        for (auto& f : figures[p]) {
+            f.replayedRate = rateOf(r, {f.id});
+            if (replayed != nullptr) {
+                auto const pool = replayed->pools.find(poolOfStream(*replayed, f.id));
+                if (pool != replayed->pools.end()) {
+                    f.replayedInUse = pool->second.inUse;
+                    f.replayedMax = pool->second.max;
+                }
+            }
+            auto const inUse = [](int64_t n, int64_t max) {
+                return n < 0 ? std::string("-") : std::to_string(n) + " of " + std::to_string(max);
+            };
+            std::snprintf(line, sizeof line, "%-8s %-12s %10s %10s   %14s %14s\n", f.id.c_str(), f.name.c_str(),
+                          rateText(f.recordedRate).c_str(), rateText(f.replayedRate).c_str(),
+                          inUse(f.recordedInUse, f.recordedMax).c_str(), inUse(f.replayedInUse, f.replayedMax).c_str());
+            out << line;
+            bool const replayedStarves = f.replayedRate > 0;
+            std::string const what = f.name + " (" + rateText(f.recordedRate) + " recorded, " +
+                                     rateText(f.replayedRate) + " replayed)";
+            if (f.recordedStarves && replayedStarves) {
+                if (f.recordedRate < 0 || closeEnough(f.recordedRate, f.replayedRate)) {
+                    same.push_back(f.name);
+                    if (!f.pool.empty() && planned.insert(f.pool).second) {
+                        int64_t const max = f.recordedMax > 0 ? f.recordedMax : 1;
+                        outcome.vary.push_back(f.name + "=" + std::to_string(max) + ".." +
+                                               std::to_string(std::min<int64_t>(kMaxBuffers, max + 8)));
+                    }
+                } else {
+                    differ.push_back(what + " starves at another rate");
+                }
+            } else if (f.recordedStarves) {
+                differ.push_back(f.name + " starves only in the report");
+            } else if (replayedStarves) {
+                differ.push_back(what + " starves only in the replay");
+            }
+            streams.push_back({{"id", f.id}, {"name", f.name},
+                               {"recordedTimeoutsPer100", f.recordedRate < 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(f.recordedRate)},
+                               {"recordedStarves", f.recordedStarves}, {"replayedTimeoutsPer100", f.replayedRate},
+                               {"recordedPoolInUse", f.recordedInUse}, {"replayedPoolInUse", f.replayedInUse}});
+        }
+        size_t const readyRecorded = in.dumps[p].ready.size();
+        long const readyReplayed = replayed != nullptr ? static_cast<long>(replayed->ready.size()) : -1;
+        out << "ready list at the dump: recorded " << readyRecorded << ", replayed "
+            << (readyReplayed < 0 ? std::string("-") : std::to_string(readyReplayed)) << "\n";
+    }
+    std::string verdict;
+    outcome.reproduced = differ.empty() && !same.empty();
+    if (differ.empty() && same.empty()) {
+        verdict = "no stall: no stream starves, recorded or replayed";
+    } else if (outcome.reproduced) {
+        verdict = "stall reproduced: ";
+        for (size_t i = 0; i < same.size(); ++i) verdict += (i ? ", " : "") + same[i];
+        verdict += same.size() == 1 ? " starves" : " starve";
+        verdict += logged ? ", within 30% of the recorded rate" : " (the dump shows its pool all held)";
+    } else {
+        verdict = "stall not reproduced: ";
+        for (size_t i = 0; i < differ.size(); ++i) verdict += (i ? "; " : "") + differ[i];
+        outcome.vary.clear();
+    }
+    out << "verdict: " << verdict << "\n";
+    outcome.json = {{"report", in.source},
+                    {"firstFrame", log.firstFrame},
+                    {"lastFrame", log.lastFrame},
+                    {"dumpFrame", at},
+                    {"fitted", fitted},
+                    {"streams", streams},
+                    {"reproduced", outcome.reproduced},
+                    {"verdict", verdict}};
+    return outcome;
+}
+
+}  // namespace fbmsim
