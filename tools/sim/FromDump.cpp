@@ -400,10 +400,10 @@ nlohmann::ordered_json scenarioOf(ManagerDump const& d, std::string const& name,
     double const returnKept = poolKept ? 1.0 : 0.0;
     if (heldSets > 0) {
         s["selector"] = {{"everyFrames", everyFrames}, {"keepNewest", 1}, {"holdSelections", heldSets},
-                         {"returnKept", returnKept}, {"cloneEvery", 0}};
+                         {"returnKept", 0.0}, {"cloneEvery", 0}};
         guessed.push_back("processing: the selector holds " + std::to_string(heldSets) + " set" +
                           (heldSets == 1 ? "" : "s") + ", the newest of each selection for " +
-                          std::to_string(heldSets) + " selection" + (heldSets == 1 ? "" : "s") + ", and clones none, as " + heldWhy);
+                          std::to_string(heldSets) + " selection" + (heldSets == 1 ? "" : "s") + ", releases the others and clones none, as " + heldWhy);
     } else {
         s["selector"] = {{"everyFrames", everyFrames}, {"keepNewest", 0}, {"returnKept", returnKept}};
         guessed.push_back("how long the selector holds a set: it holds none (every heap in use is in a listed "

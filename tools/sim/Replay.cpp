@@ -124,22 +124,24 @@ ReplayOutcome runReplay(ReplayInput& in, Options options, std::ostream& out, Pro
     }
 
     // How long processing holds its sets is what a dump cannot show; the recorded time-out rate
-    // of the pools it holds tells it. The fit tries holds from the dump's count up, one run each.
+    // of the pools it holds tells it, or with the dump alone, a pool it left with nothing
+    // available: the smallest hold that starves it. The fit tries holds from the dump's count up,
+    // one run each.
     std::vector<std::string> fitted;
     for (size_t p = 0; p < in.pipelines.size(); ++p) {
         Scenario& sc = in.pipelines[p];
-        if (sc.selector.keepNewest == 0 || !logged) continue;
+        if (sc.selector.keepNewest == 0) continue;
         auto const held = in.dumps[p].heldByProcessing();
         std::set<std::string> ids;
         double recorded = 0, requests = 0;
         for (auto const& f : figures[p]) {
-            if (held.count(f.pool) == 0 || f.recordedRate < 0) continue;
+            if (held.count(f.pool) == 0 || !(logged || f.recordedStarves)) continue;
             ids.insert(f.id);
-            recorded += f.recordedRate;
+            recorded += logged ? f.recordedRate : 0;
             requests += 1;
         }
-        if (ids.empty() || recorded == 0) continue;
-        double const target = recorded / requests;
+        if (ids.empty() || (logged && recorded == 0)) continue;
+        double const target = logged ? recorded / requests : 1e-9;
         Options trial = options;
         trial.dumpAt.clear();
         trial.dump = trial.logcat = trial.progress = trial.progressLines = false;
@@ -166,14 +168,15 @@ ReplayOutcome runReplay(ReplayInput& in, Options options, std::ostream& out, Pro
             else hi = mid;
         }
         int best = lo;
-        if (lo > static_cast<int>(sc.selector.holdSelections) &&
+        if (logged && lo > static_cast<int>(sc.selector.holdSelections) &&
             std::fabs(rateAt(lo - 1) - target) < std::fabs(rateAt(lo) - target)) {
             best = lo - 1;
         }
+        std::string const why = logged ? "the recorded rate, " + rateText(target) + " time-outs per 100 requests"
+                                       : "a pool it left with nothing available to starve";
         fitted.push_back(sc.name + ": the selector holds each set for " + std::to_string(best) +
-                         " selections (the dump shows " + std::to_string(sc.selector.holdSelections) +
-                         " sets held; the recorded rate, " + rateText(target) + " time-outs per 100 requests, needs " +
-                         std::to_string(best) + ")");
+                         " selections (the dump shows " + std::to_string(sc.selector.holdSelections) + " sets held; " +
+                         why + ", needs " + std::to_string(best) + ")");
         sc.selector.holdSelections = static_cast<uint32_t>(best);
     }
 

@@ -1,0 +1,172 @@
+// fbm-sim replay, as a user meets a field report: a recorded run's log and mid-run dump rebuilt,
+// run again and set beside what was recorded.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <map>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "SimRunner.h"
+
+namespace {
+
+using nlohmann::json;
+using simtest::has;
+using simtest::runSim;
+using simtest::SimRun;
+using simtest::slurp;
+using simtest::TempDir;
+
+std::vector<std::string> const kRun{"-n", "300", "--seed", "5", "--result-threads", "0"};
+
+// Time-outs per 100 requests of each stream that starved, from a run's own stream table.
+std::map<std::string, double> starvedIn(std::string const& out) {
+    static std::regex const row(R"((?:^|\n)(0x[0-9a-f]+) +\S+ +.+? +(\d+) +\d+ +\d+ +(\d+)(?=\n))");
+    std::map<std::string, double> rates;
+    for (auto it = std::sregex_iterator(out.begin(), out.end(), row); it != std::sregex_iterator(); ++it) {
+        double const requests = std::stod((*it)[2]), timeouts = std::stod((*it)[3]);
+        if (timeouts > 0) rates[(*it)[1]] = 100 * timeouts / requests;
+    }
+    return rates;
+}
+
+SimRun replay(std::string const& report, std::string const& jsonFile) {
+    std::vector<std::string> args{"replay", report, "--json", jsonFile};
+    args.insert(args.end(), kRun.begin(), kRun.end());
+    return runSim({args, {}, std::chrono::seconds(300)});
+}
+
+TEST(SimulatorReplay, EveryShippedScenarioStarvesTheSameStreamsAgain) {
+    TempDir dir;
+    std::vector<std::string> scenarios;
+    if (DIR* d = opendir(FBM_SCENARIO_DIR)) {
+        while (dirent* e = readdir(d)) {
+            std::string const n = e->d_name;
+            if (n.size() > 5 && n.substr(n.size() - 5) == ".json") scenarios.push_back(FBM_SCENARIO_DIR "/" + n);
+        }
+        closedir(d);
+    }
+    ASSERT_GE(scenarios.size(), 3u);
+    bool sawStall = false;
+    for (auto const& scenario : scenarios) {
+        SCOPED_TRACE(scenario);
+        for (bool logcat : {true, false}) {
+            SCOPED_TRACE(logcat ? "log and dump" : "the dump alone");
+            std::vector<std::string> args{"--scenario", scenario, "--dump-at", "150"};
+            args.insert(args.end(), kRun.begin(), kRun.end());
+            if (logcat) args.push_back("--logcat");
+            SimRun recorded = runSim(args);
+            ASSERT_EQ(recorded.exitCode, 0) << recorded.out;
+            auto const starved = starvedIn(recorded.out);
+            if (!logcat && starved.empty()) continue;  // nothing to find without the log
+            SimRun r = replay(dir.write("report.txt", recorded.out), dir / "replay.json");
+            ASSERT_EQ(r.exitCode, 0) << r.out;
+            json const j = json::parse(slurp(dir / "replay.json"));
+            ASSERT_TRUE(j.contains("replay")) << r.out;
+            std::map<std::string, double> replayed;
+            for (auto const& s : j["replay"]["streams"]) {
+                if (s["replayedTimeoutsPer100"].get<double>() > 0) replayed[s["id"]] = s["replayedTimeoutsPer100"];
+            }
+            ASSERT_EQ(replayed.size(), starved.size()) << r.out;
+            for (auto const& [id, rate] : starved) {
+                ASSERT_EQ(replayed.count(id), 1u) << id << "\n" << r.out;
+                if (logcat) {
+                    EXPECT_NEAR(replayed[id], rate, 0.3 * rate) << id << "\n" << r.out;
+                }
+            }
+            EXPECT_EQ(j["replay"]["reproduced"], !starved.empty()) << r.out;
+            EXPECT_TRUE(has(r, starved.empty() ? "verdict: no stall" : "verdict: stall reproduced")) << r.out;
+            if (!starved.empty()) {
+                sawStall = true;
+                EXPECT_TRUE(has(r, "recommendation:\n  ")) << r.out;  // the pool maximum that ends it
+            }
+        }
+    }
+    EXPECT_TRUE(sawStall);
+}
+
+// A field report as it arrives: logcat with the producer's time-outs and the request errors that
+// carry the frame numbers, around a system dump taken mid-stream while processing holds both of
+// capture's heaps and the ready list one set of preview.
+std::string const kFieldReport =
+    "--------- beginning of main\n"
+    "11-24 21:00:00.000  812  830 I ActivityManager: Start proc 4410:com.android.camera\n"
+    "11-24 21:00:03.334 4410 4420 W vexlor-fbm_producer: [acquireFromPool] Producer(0x7f01 0x10 capture) Pool(capture): "
+    "cannot acquire from pool after timeout(8000000 ns).\n"
+    "11-24 21:00:03.334 4410 4420 E vexlor-ppl_fbm: [requestStreamBuffer] [requestNo:100 frameNo:100] err:-16(Device or "
+    "resource busy) [IMAGE-HAL-POOL    ]0x10:capture 4000x3000 fmt:0x32315659 planes:2 max:2 min:2\n"
+    "11-24 21:00:04.000 4410 4420 W vexlor-fbm_producer: [acquireFromPool] Producer(0x7f01 0x10 capture) Pool(capture): "
+    "cannot acquire from pool after timeout(8000000 ns).\n"
+    "11-24 21:00:04.000 4410 4420 E vexlor-ppl_fbm: [requestStreamBuffer] [requestNo:120 frameNo:120] err:-16(Device or "
+    "resource busy) [IMAGE-HAL-POOL    ]0x10:capture 4000x3000 fmt:0x32315659 planes:2 max:2 min:2\n"
+    "DUMP OF SERVICE media.camera:\n"
+    "  <image streams>\n"
+    "      [IMAGE-HAL-POOL    ]0x10:capture 4000x3000 fmt:0x32315659 planes:2 max:2 min:2\n"
+    "      [IMAGE-HAL-POOL    ]0x11:preview 1280x720 fmt:0x32315659 planes:2 max:4 min:2\n"
+    "  <meta streams>\n"
+    "      [META -HAL-USER    ]0x100:halMeta meta\n"
+    "  <image buffer pool>\n"
+    "      [dump] Producer(0x7f01 0x10 capture) Pool(capture) InUse(Heap#2){Sb#2}: \n"
+    "      [dumpPool] Pool(capture-0x7f11) logLevel(0) future(#1) max(#2) min(#2) available(#0): inUse(#2): 0xa; 0xb; \n"
+    "      [dump] Producer(0x7f02 0x11 preview) Pool(preview) InUse(Heap#1){Sb#1}: \n"
+    "      [dumpPool] Pool(preview-0x7f12) logLevel(0) future(#1) max(#4) min(#2) available(#3): 0xc; inUse(#1): 0xd; \n"
+    "  <InFlightList>\n"
+    "  <ReadyList>\n"
+    "      [R109 F109]TS:3633333333 { (0x11) } { (0x100) } {}\n"
+    "  mReadyStreamCounters: 17(1)\n"
+    "11-24 21:00:05.000 4410 4420 W vexlor-fbm_producer: [acquireFromPool] Producer(0x7f01 0x10 capture) Pool(capture): "
+    "cannot acquire from pool after timeout(8000000 ns).\n"
+    "11-24 21:00:06.634 4410 4420 E vexlor-ppl_fbm: [requestStreamBuffer] [requestNo:199 frameNo:199] err:-16(Device or "
+    "resource busy) [IMAGE-HAL-POOL    ]0x10:capture 4000x3000 fmt:0x32315659 planes:2 max:2 min:2\n";
+
+TEST(SimulatorReplay, AFieldReportIsRebuiltFromItsEvidenceAndReplayed) {
+    TempDir dir;
+    std::string const report = dir.write("field.txt", kFieldReport);
+    SimRun r = runSim({"from-dump", report, "-o", dir / "field.json"});
+    ASSERT_EQ(r.exitCode, 0) << r.out;
+    json const s = json::parse(slurp(dir / "field.json"));
+    EXPECT_EQ(s["properties"]["vendor.debug.camera.pipeline.fbm.acquire.timeout"], 8);
+    EXPECT_NEAR(s["fps"].get<double>(), 30, 0.1);  // 99 frames in 3.333 s: one timed set is too few
+    EXPECT_EQ(s["images"][0]["keep"], true);
+    EXPECT_EQ(s["selector"]["keepNewest"], 1);
+    EXPECT_EQ(s["selector"]["holdSelections"], 2);
+    std::string const note = s["_from_dump"];
+    for (char const* said : {"the frame rate from the log lines' frame numbers and times",
+                             "as pool capture has 2 heaps in use that no ready or in-flight set holds",
+                             "recorded: frames 100 to 199 in the log, 3 acquire time-outs of capture"}) {
+        EXPECT_NE(note.find(said), std::string::npos) << said << "\n" << note;
+    }
+
+    r = runSim({{"replay", report, "-n", "200", "--result-threads", "0"}, {}, std::chrono::seconds(300)});
+    ASSERT_EQ(r.exitCode, 0) << r.out;
+    EXPECT_TRUE(has(r, "recorded frames 100 to 199 in its log; the dump at frame 109\n")) << r.out;
+    EXPECT_TRUE(has(r, "0x10     capture             3.0")) << r.out;
+    EXPECT_TRUE(has(r, "2 of 2         2 of 2\n")) << r.out;
+    EXPECT_TRUE(has(r, "ready list at the dump: recorded 1, replayed ")) << r.out;
+    EXPECT_TRUE(has(r, "verdict: stall ")) << r.out;
+}
+
+TEST(SimulatorReplay, BadReportsAreOneLineAndExitTwo) {
+    TempDir dir;
+    for (auto const& [text, message] : std::initializer_list<std::pair<std::string, char const*>>{
+             {"just logcat\n", "no frame buffer manager dump in it"},
+             {"<image streams>\n    [IMAGE-HAL-POOL    ]0x1:p 64x48 fmt:0x32315659 planes:2 max:6 min:4\n",
+              "line 2: the input ends inside the stream table"},
+             {std::string("\x7f" "ELF\0\0", 6), "binary data"},
+         }) {
+        SimRun r = runSim({"replay", dir.write("bad.txt", text)});
+        EXPECT_EQ(r.exitCode, 2) << r.out;
+        EXPECT_TRUE(has(r, message)) << message << "\n" << r.out;
+        EXPECT_FALSE(has(r, "verdict")) << r.out;
+    }
+    SimRun r = runSim({"replay", dir.write("report.txt", kFieldReport), "--scenario", FBM_SCENARIO_DIR "/default.json"});
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_TRUE(has(r, "replay: the scenario is the report's")) << r.out;
+}
+
+}  // namespace
