@@ -203,8 +203,10 @@ TEST_F(HeapPoolTest, PendingDecreaseIsConsumedByTheFirstNeedReleaseQuestion) {
 }
 
 TEST_F(HeapPoolTest, WorkerWaitsForInUseHeapsToComeBackBeforeFreeingThem) {
+    host::setProperty("vendor.debug.camera.log.pipeline.fbm.pool", 1);  // a line per pass of the worker
     std::vector<HeapPtr> all;
     auto pool = exhaustedPool(7, all);
+    host::LogCapture::clear();
     int32_t five = 5;
     pool->updateMaxBuffer(five);
 
@@ -217,6 +219,10 @@ TEST_F(HeapPoolTest, WorkerWaitsForInUseHeapsToComeBackBeforeFreeingThem) {
     giveBack(0, 6);  // freed by the waiting worker
     giveBack(1, 5);  // and the next one too
     giveBack(2, 5);  // now the pool is at its target: this one stays available
+    // It sleeps between the changes it is woken for: a pass per change, never a spin, and no
+    // heap made past the target.
+    EXPECT_LE(androidCount("updateBufferCount: current max("), 8u) << host::LogCapture::androidLines().size();
+    EXPECT_EQ(host::HeapFactory::created(), 7);
     EXPECT_EQ(availableCount(*pool), 1);
     for (size_t i = 3; i < all.size(); ++i) ASSERT_EQ(pool->releaseToPool("c", std::move(all[i])), 0);
 }

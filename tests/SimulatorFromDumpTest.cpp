@@ -112,7 +112,13 @@ TEST(SimulatorFromDump, EveryShippedScenarioComesBackFromItsDump) {
                 EXPECT_NEAR(pipeline["fps"].get<double>(), before[i].fps, before[i].fps / 100);
             }
             if (!before[i].kept.empty()) {
-                EXPECT_EQ(after[i].kept, before[i].kept);
+                // What the dump's sets keep is kept by the rebuilt streams.
+                json const& pipeline = before.size() == 1 ? rebuilt : rebuilt["pipelines"][i];
+                std::set<std::string> kept;
+                for (auto const* list : {&pipeline["images"], &pipeline["metas"]})
+                    for (auto const& stream : *list)
+                        if (stream.value("keep", false)) kept.insert(stream["id"].get<std::string>());
+                for (auto const& id : before[i].kept) EXPECT_EQ(kept.count(id), 1u) << id;
             }
         }
     }
