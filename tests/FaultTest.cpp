@@ -125,12 +125,7 @@ TEST_F(FaultTest, KeptMetadataIsCopiedUnderTheReadLockAndWrappedAfterIt) {
     auto sets = mManager->beginSelect();
     ASSERT_EQ(sets.size(), 1u);
     ASSERT_EQ(sets.front().halMeta.size(), 1u);
-    int64_t value = 0;
-    NSCam::IMetadata* kept = sets.front().halMeta[0]->tryReadLockMeta("test");
-    ASSERT_NE(kept, nullptr);
-    EXPECT_TRUE(kept->get(1, value));
-    EXPECT_EQ(value, 42);
-    sets.front().halMeta[0]->unlockMeta("test", kept);
+    EXPECT_EQ(metaValue(sets.front().halMeta[0]), 42);
     mManager->returnUnselectedSet({sets.front(), false});
     mManager->endSelect();
     source.reset();

@@ -102,6 +102,14 @@ protected:
         return cfg;
     }
     // Configures and waits until every non-deferred pool holds its first heaps.
+    // The value of entry 1 of a metadata buffer (-1 when it has none).
+    static int64_t metaValue(MetaPtr const& m) {
+        auto* md = m->tryReadLockMeta("t");
+        int64_t v = -1;
+        if (md) md->get(1, v);
+        if (md) m->unlockMeta("t", md);
+        return v;
+    }
     void configure() {
         mManager->beginConfigure();
         ASSERT_EQ(mManager->configureStreams(standardConfig()), 0);

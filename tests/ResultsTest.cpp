@@ -15,13 +15,6 @@ protected:
         FramePathTest::SetUp();
         configure();
     }
-    static int64_t metaValue(MetaPtr const& m) {
-        auto* md = m->tryReadLockMeta("t");
-        int64_t v = -1;
-        md->get(1, v);
-        m->unlockMeta("t", md);
-        return v;
-    }
 };
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

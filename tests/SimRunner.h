@@ -128,4 +128,17 @@ struct TempDir {
     }
 };
 
+// The scenario files shipped with the simulator.
+inline std::vector<std::string> shippedScenarios() {
+    std::vector<std::string> out;
+    if (DIR* d = opendir(FBM_SCENARIO_DIR)) {
+        while (dirent* e = readdir(d)) {
+            std::string const n = e->d_name;
+            if (n.size() > 5 && n.substr(n.size() - 5) == ".json") out.push_back(std::string(FBM_SCENARIO_DIR) + "/" + n);
+        }
+        closedir(d);
+    }
+    return out;
+}
+
 }  // namespace simtest

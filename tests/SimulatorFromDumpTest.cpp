@@ -1,7 +1,6 @@
 // fbm-sim from-dump: a bug report's dumps back to scenarios, run as a user runs it.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -22,6 +21,7 @@ namespace {
 using nlohmann::json;
 using simtest::has;
 using simtest::runSim;
+using simtest::shippedScenarios;
 using simtest::SimRun;
 using simtest::slurp;
 using simtest::TempDir;
@@ -70,18 +70,6 @@ std::vector<Seen> managersIn(std::string const& out) {
     return seen;
 }
 
-std::vector<std::string> shippedScenarios() {
-    std::vector<std::string> out;
-    if (DIR* d = opendir(FBM_SCENARIO_DIR)) {
-        while (dirent* e = readdir(d)) {
-            std::string const n = e->d_name;
-            if (n.size() > 5 && n.substr(n.size() - 5) == ".json") out.push_back(std::string(FBM_SCENARIO_DIR) + "/" + n);
-        }
-        closedir(d);
-    }
-    return out;
-}
-
 TEST(SimulatorFromDump, EveryShippedScenarioComesBackFromItsDump) {
     TempDir dir;
     auto const scenarios = shippedScenarios();
@@ -107,13 +95,12 @@ TEST(SimulatorFromDump, EveryShippedScenarioComesBackFromItsDump) {
         json const rebuilt = json::parse(slurp(dir / "rebuilt.json"));
         for (size_t i = 0; i < before.size(); ++i) {
             EXPECT_EQ(before[i].config, after[i].config);  // line for line
+            json const& pipeline = before.size() == 1 ? rebuilt : rebuilt["pipelines"][i];
             if (before[i].fps > 0) {
-                json const& pipeline = before.size() == 1 ? rebuilt : rebuilt["pipelines"][i];
                 EXPECT_NEAR(pipeline["fps"].get<double>(), before[i].fps, before[i].fps / 100);
             }
             if (!before[i].kept.empty()) {
                 // What the dump's sets keep is kept by the rebuilt streams.
-                json const& pipeline = before.size() == 1 ? rebuilt : rebuilt["pipelines"][i];
                 std::set<std::string> kept;
                 for (auto const* list : {&pipeline["images"], &pipeline["metas"]})
                     for (auto const& stream : *list)
@@ -124,37 +111,13 @@ TEST(SimulatorFromDump, EveryShippedScenarioComesBackFromItsDump) {
     }
 }
 
-// Two managers in a bug report: one in logcat (threadtime, CR LF line ends, other services'
-// lines between), one in a system dump's indentation, cut after its ready list.
-std::string const kReport =
-    "--------- beginning of main\r\n"
-    "11-24 02:45:30.001  812  830 I ActivityManager: Start proc 4410:com.android.camera\r\n"
-    "11-24 02:45:31.120 1234 5678 I vexlor-ppl_fbm: <image streams>\r\n"
-    "11-24 02:45:31.120 1234 5678 I vexlor-ppl_fbm:     [IMAGE-HAL-POOL    ]0x1:preview 1280x720 fmt:0x32315659 planes:2 max:6 min:4\r\n"
-    "11-24 02:45:31.120  999 1000 W audioserver: underrun [IMAGE-HAL-POOL] is not ours\r\n"
-    "11-24 02:45:31.121 1234 5678 I vexlor-ppl_fbm:     [IMAGE-APP-PROVIDER]0x6:jpeg 4000000x1 fmt:0x21 planes:1 max:4 min:1\r\n"
-    "11-24 02:45:31.121 1234 5678 I vexlor-ppl_fbm: <meta streams>\r\n"
-    "11-24 02:45:31.121 1234 5678 I vexlor-ppl_fbm:     [META -HAL-USER    ]0x100:halMeta meta\r\n"
-    "11-24 02:45:31.122 1234 5678 I vexlor-ppl_fbm: <InFlightList>\r\n"
-    "11-24 02:45:31.122 1234 5678 I vexlor-ppl_fbm: <ReadyList>\r\n"
-    "11-24 02:45:31.122 1234 5678 I vexlor-ppl_fbm:     [R10 F10]TS:1000000000 { (0x1) } { (0x100) } {}\r\n"
-    "11-24 02:45:31.122 1234 5678 I vexlor-ppl_fbm:     [R14 F14]TS:1166666666 { (0x1) } { (0x100) } {}\r\n"
-    "11-24 02:45:31.122 1234 5678 I vexlor-ppl_fbm: mReadyStreamCounters: 1(2)\r\n"
-    "DUMP OF SERVICE media.camera:\n"
-    "    <image streams>\n"
-    "        [IMAGE-HAL-POOL    ]0x21:tele 3264x2448 fmt:0x32315659 planes:2 max:5 min:2\n"
-    "        [IMAGE-HAL-POOL    ]0x22:teleRaw 3264x2448 fmt:0x32315659 planes:2 max:5 min:2 deferred\n"
-    "    <meta streams>\n"
-    "    <pool-shared streams>\n"
-    "        ( 21 22 )\n"
-    "    <ReadyList>\n"
-    "        [R3 F3]TS:100000000 { (0x21) } {} {}\n"
-    "        [R4 F4]TS:150000000 { (0x21) } {} {}\n"
-    "        [R5 F5]TS:2000";
 
+// Two managers in a bug report (tools/reports/two-cameras.txt): one in logcat (threadtime, CR LF
+// line ends, other services' lines between), one in a system dump's indentation, cut after its
+// ready list.
 TEST(SimulatorFromDump, ReadsTheTextAsItArrives) {
     TempDir dir;
-    std::string const report = dir.write("bugreport.txt", kReport);
+    std::string const report = FBM_REPORT_DIR "/two-cameras.txt";
     SimRun r = runSim({"from-dump", report, "-o", dir / "both.json"});
     ASSERT_EQ(r.exitCode, 0) << r.out;
     EXPECT_TRUE(has(r, "2 managers found")) << r.out;
