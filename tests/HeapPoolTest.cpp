@@ -238,6 +238,10 @@ TEST_F(HeapPoolTest, ASecondUpdateWakesTheSameWorker) {
     EXPECT_EQ(androidCount("[updateBufferCount] notify existed updateBufferCount thread: pool(pool)"), 2u);
     EXPECT_EQ(androidCount("[operator()] updateBufferCount thread + : pool(pool)"), 1u);
     EXPECT_EQ(futureCount(*pool), 1);
+    host::LogCapture::clear();
+    EXPECT_EQ(pool->updateBufferCount(1), 0);  // the count it has: a pass, and no heap made
+    ASSERT_TRUE(waitForLine("updateBufferCount: [pool] done (1)"));
+    EXPECT_EQ(host::HeapFactory::created(), 5);
 }
 
 TEST_F(HeapPoolTest, FailingAllocatorIsRetriedAfterGrowingPausesUntilItSucceeds) {
