@@ -60,6 +60,89 @@ std::string rateText(double rate) {
     return text;
 }
 
+// What the report recorded of each image stream of a manager: from the log when it has lines
+// with frame numbers, else from the dump alone.
+std::vector<StreamFigures> recordedFigures(ManagerDump const& d, ReportLog const& log) {
+    std::vector<StreamFigures> figures;
+    for (auto const& img : d.images) {
+        StreamFigures f{img.id, img.name, poolOfStream(d, img.id)};
+        auto const pool = d.pools.find(f.pool);
+        if (pool != d.pools.end()) {
+            f.recordedInUse = pool->second.inUse;
+            f.recordedMax = pool->second.max;
+        }
+        if (log.frames() > 0) {
+            auto const t = log.timeouts.find(img.id);
+            uint64_t const timeouts = t == log.timeouts.end() ? 0 : t->second;
+            f.recordedRate = 100.0 * static_cast<double>(timeouts) / static_cast<double>(log.frames());
+            f.recordedStarves = timeouts > 0;
+        } else {
+            // The dump alone: a pool all in use, with heaps that processing holds, starves; one
+            // that processing holds in part may have, or not.
+            bool const held = d.heldByProcessing().count(f.pool) != 0;
+            f.recordedStarves = held && pool->second.available == 0 && pool->second.inUse >= pool->second.max;
+            f.recordedKnown = !held || f.recordedStarves;
+        }
+        figures.push_back(f);
+    }
+    return figures;
+}
+
+// How long processing holds its sets is what a dump cannot show; the recorded time-out rate of
+// the pools it holds tells it, or with the dump alone, a pool it left with nothing available:
+// the smallest hold that starves it. Holds are tried from the dump's count up, doubling until
+// one starves as much, then halving the gap: a run each. Returns what was fitted, or nothing.
+std::string fitHold(Scenario& sc, ManagerDump const& d, std::vector<StreamFigures> const& figures, bool logged,
+                    Options const& options) {
+    if (sc.selector.keepNewest == 0) return "";
+    auto const held = d.heldByProcessing();
+    std::set<std::string> ids;
+    double recorded = 0;
+    for (auto const& f : figures) {
+        if (held.count(f.pool) == 0 || !(logged || f.recordedStarves)) continue;
+        ids.insert(f.id);
+        recorded += logged ? f.recordedRate : 0;
+    }
+    if (ids.empty() || (logged && recorded == 0)) return "";
+    double const target = logged ? recorded / static_cast<double>(ids.size()) : 1e-9;
+    Options trial = options;
+    trial.dumpAt.clear();
+    trial.dump = trial.logcat = trial.progress = trial.progressLines = false;
+    trial.traceFile.clear();
+    trial.seriesFile.clear();
+    trial.plotFile.clear();
+    // Results on the requesting thread: nothing can come back during a wait, so a time-out of
+    // 1 ms gives the same counts sooner.
+    if (trial.resultThreads == 0) trial.props.emplace_back(kAcquireTimeoutProperty, 1);
+    std::map<int, double> rates;
+    auto rateAt = [&](int hold) {
+        auto it = rates.find(hold);
+        if (it != rates.end()) return it->second;
+        Scenario s = sc;
+        s.selector.holdSelections = static_cast<uint32_t>(hold);
+        std::ostringstream ignored;
+        return rates[hold] = rateOf(runSimulation(s, trial, ignored), ids);
+    };
+    int const shown = static_cast<int>(sc.selector.holdSelections);
+    int lo = shown, hi = shown;
+    while (hi < kMaxHold && rateAt(hi) < target) {
+        lo = hi + 1;
+        hi = std::min(kMaxHold, hi * 2);
+    }
+    while (lo < hi) {  // longer holds starve more
+        int const mid = lo + (hi - lo) / 2;
+        if (rateAt(mid) < target) lo = mid + 1;
+        else hi = mid;
+    }
+    int best = lo;  // the smallest hold that starves as much, or the one below when that is closer
+    if (logged && lo > shown && std::fabs(rateAt(lo - 1) - target) < std::fabs(rateAt(lo) - target)) best = lo - 1;
+    sc.selector.holdSelections = static_cast<uint32_t>(best);
+    std::string const why = logged ? "the recorded rate, " + rateText(target) + " time-outs per 100 requests"
+                                   : "a pool it left with nothing available to starve";
+    return sc.name + ": the selector holds each set for " + std::to_string(best) + " selections (the dump shows " +
+           std::to_string(shown) + " sets held; " + why + ", needs " + std::to_string(best) + ")";
+}
+
 }  // namespace
 
 bool loadReplay(std::string const& file, size_t pick, ReplayInput& out, std::string& why) {
@@ -96,90 +179,15 @@ bool loadReplay(std::string const& file, size_t pick, ReplayInput& out, std::str
 ReplayOutcome runReplay(ReplayInput& in, Options options, std::ostream& out, ProcessReport& process) {
     ReplayOutcome outcome;
     ReportLog const& log = in.log;
-    bool const logged = log.frames() > 0 || !log.timeouts.empty();
+    bool const logged = log.frames() > 0;  // the log gives rates: its lines carry frame numbers
 
-    // The recorded figures, per image stream of each manager.
-    std::vector<std::vector<StreamFigures>> figures(in.dumps.size());
-    for (size_t p = 0; p < in.dumps.size(); ++p) {
-        ManagerDump const& d = in.dumps[p];
-        for (auto const& img : d.images) {
-            StreamFigures f{img.id, img.name, poolOfStream(d, img.id)};
-            auto const pool = d.pools.find(f.pool);
-            if (pool != d.pools.end()) {
-                f.recordedInUse = pool->second.inUse;
-                f.recordedMax = pool->second.max;
-            }
-            if (logged && log.frames() > 0) {
-                auto const t = log.timeouts.find(img.id);
-                uint64_t const timeouts = t == log.timeouts.end() ? 0 : t->second;
-                f.recordedRate = 100.0 * static_cast<double>(timeouts) / static_cast<double>(log.frames());
-                f.recordedStarves = timeouts > 0;
-            } else {
-                // The dump alone: a pool all in use, with heaps that processing holds, starves;
-                // one that processing holds in part may have, or not.
-                bool const held = d.heldByProcessing().count(f.pool) != 0;
-                f.recordedStarves = held && pool->second.available == 0 && pool->second.inUse >= pool->second.max;
-                f.recordedKnown = !held || f.recordedStarves;
-            }
-            figures[p].push_back(f);
-        }
-    }
+    std::vector<std::vector<StreamFigures>> figures;
+    for (auto const& d : in.dumps) figures.push_back(recordedFigures(d, log));
 
-    // How long processing holds its sets is what a dump cannot show; the recorded time-out rate
-    // of the pools it holds tells it, or with the dump alone, a pool it left with nothing
-    // available: the smallest hold that starves it. The fit tries holds from the dump's count up,
-    // one run each.
     std::vector<std::string> fitted;
     for (size_t p = 0; p < in.pipelines.size(); ++p) {
-        Scenario& sc = in.pipelines[p];
-        if (sc.selector.keepNewest == 0) continue;
-        auto const held = in.dumps[p].heldByProcessing();
-        std::set<std::string> ids;
-        double recorded = 0, requests = 0;
-        for (auto const& f : figures[p]) {
-            if (held.count(f.pool) == 0 || !(logged || f.recordedStarves)) continue;
-            ids.insert(f.id);
-            recorded += logged ? f.recordedRate : 0;
-            requests += 1;
-        }
-        if (ids.empty() || (logged && recorded == 0)) continue;
-        double const target = logged ? recorded / requests : 1e-9;
-        Options trial = options;
-        trial.dumpAt.clear();
-        trial.dump = trial.logcat = trial.progress = trial.progressLines = false;
-        trial.traceFile.clear();
-        trial.seriesFile.clear();
-        trial.plotFile.clear();
-        // Results on the requesting thread: nothing can come back during a wait, so a time-out of
-        // 1 ms gives the same counts sooner.
-        if (trial.resultThreads == 0) trial.props.emplace_back(kAcquireTimeoutProperty, 1);
-        std::map<int, double> rates;
-        auto rateAt = [&](int hold) {
-            auto it = rates.find(hold);
-            if (it != rates.end()) return it->second;
-            Scenario s = sc;
-            s.selector.holdSelections = static_cast<uint32_t>(hold);
-            std::ostringstream ignored;
-            return rates[hold] = rateOf(runSimulation(s, trial, ignored), ids);
-        };
-        // Longer holds starve more: the smallest hold at or above the target, or the one below it.
-        int lo = static_cast<int>(sc.selector.holdSelections), hi = kMaxHold;
-        while (lo < hi) {
-            int const mid = lo + (hi - lo) / 2;
-            if (rateAt(mid) < target) lo = mid + 1;
-            else hi = mid;
-        }
-        int best = lo;
-        if (logged && lo > static_cast<int>(sc.selector.holdSelections) &&
-            std::fabs(rateAt(lo - 1) - target) < std::fabs(rateAt(lo) - target)) {
-            best = lo - 1;
-        }
-        std::string const why = logged ? "the recorded rate, " + rateText(target) + " time-outs per 100 requests"
-                                       : "a pool it left with nothing available to starve";
-        fitted.push_back(sc.name + ": the selector holds each set for " + std::to_string(best) +
-                         " selections (the dump shows " + std::to_string(sc.selector.holdSelections) + " sets held; " +
-                         why + ", needs " + std::to_string(best) + ")");
-        sc.selector.holdSelections = static_cast<uint32_t>(best);
+        std::string text = fitHold(in.pipelines[p], in.dumps[p], figures[p], logged, options);
+        if (!text.empty()) fitted.push_back(std::move(text));
     }
 
     // The run, dumped at the frame the report's dump was taken: its newest set, or the middle of
