@@ -1,6 +1,8 @@
 // The report: samples over the run, the state dump, memory by heap name, and the printed report.
 #include "SimulationImpl.h"
 
+#include <mutex>
+
 namespace fbmsim::detail {
 
 double residentMb() {
@@ -26,7 +28,11 @@ void Simulation::sample(uint32_t f) {
 }
 
 void Simulation::dumpState() {
-    // The pools dump themselves to the log: show those lines too, under their heading.
+    // The pools dump themselves to the log: show those lines too, under their heading. The log's
+    // capture and switches are the process's: pipelines dumping at once would clear each other's
+    // lines, so one dumps at a time.
+    static std::mutex oneAtATime;
+    std::lock_guard<std::mutex> lk(oneAtATime);
     using NSCam::Utils::ULog::ULogger;
     uint32_t const level = ULogger::sDetailsLevel, mask = ULogger::sNormalDetailsMask, mode = ULogger::sMode;
     host::LogCapture::setCapturing(true);
