@@ -342,12 +342,20 @@ TEST_F(ProducerTest, BufferNotMadeGivesTheHeapBack) {
     sb->releaseToOwner();
 }
 
-TEST_F(ProducerTest, ReleasingAnUntrackedBufferIsFatal) {
-    auto producer = makeProducer(1);
+// Two owners of one heap, or a release of a buffer never handed out, stop the process.
+TEST_F(ProducerTest, TrackingFaultsAreFatal) {
+    auto producer = makeProducer(2);
+    SbPtr sb, again;
+    ASSERT_EQ(producer->acquireFromPool("x", sb, kLong), 0);
+    host::StreamBufferFactory::handOutAgain(sb);  // a platform that hands out a buffer twice
+    EXPECT_DEATH(producer->acquireFromPool("x", again, kLong),
+                 "SB\\(0x[0-9a-f]+\\) already exist, leak happend\\.\\.\\. Heap\\(0x[0-9a-f]+\\)");
+    host::StreamBufferFactory::handOutAgain(nullptr);  // still armed here: the child took it
     auto stranger = Utils::makeHalImageStreamBuffer({mInfo, mAllocator(), nullptr, nullptr});
     EXPECT_DEATH(producer->releaseToPool("x", stranger),
                  "\\[releaseToPool:line-[0-9]+\\] Producer\\(0x[0-9a-f]+ 0x10 preview\\) "
                  "Pool\\(preview-pool\\): SB\\(0x[0-9a-f]+\\) not found!");
+    sb->releaseToOwner();
 }
 
 }  // namespace

@@ -45,6 +45,7 @@ protected:
         host::HeapFactory::setRecordCalls(false);
         host::HeapFactory::setCreateHook(nullptr);
         host::StreamBufferFactory::failNextImage(0);
+        host::StreamBufferFactory::handOutAgain(nullptr);
         host::StreamBufferFactory::failNextMeta(0);
         host::StreamBufferFactory::failNextMetaLock(0);
         host::StreamBufferFactory::setImageStatus(0);

@@ -312,6 +312,10 @@ std::atomic<int64_t> gReleaseToOwnerCalls{0};
 std::atomic<uint64_t> gBufferSeq{0};
 vexlor::host::detail::HookSlot<std::function<void(char const*)>> gMetaDestroyHook;
 vexlor::host::detail::HookSlot<std::function<void(NSCam::IMetadata const*)>> gMetaCreateHook;
+// A buffer to hand out again, armed by a test; the flag keeps the lock off the frame path.
+std::atomic<bool> gHandOutAgainArmed{false};
+std::mutex gHandOutAgainLock;
+std::shared_ptr<NSCam::v3::IImageStreamBuffer> gHandOutAgain;  // guarded by gHandOutAgainLock
 
 using namespace NSCam::v3;
 
@@ -415,6 +419,11 @@ namespace NSCam::v3::Utils {
 
 std::shared_ptr<IImageStreamBuffer> makeHalImageStreamBuffer(MakeHalImageStreamBuffer const& arg) {
     if (!arg.heap || takeFailure(gFailImage)) return nullptr;  // a stream buffer needs a heap
+    if (gHandOutAgainArmed.load(std::memory_order_acquire)) {
+        std::lock_guard<std::mutex> lk(gHandOutAgainLock);
+        gHandOutAgainArmed = false;
+        if (gHandOutAgain) return std::move(gHandOutAgain);
+    }
     return std::make_shared<HostImageStreamBuffer>(arg);
 }
 
@@ -586,6 +595,11 @@ void HeapFactory::setCreateHook(std::function<void()> hook) { heapStats().hook.s
 int64_t StreamBufferFactory::imageAlive() { return gImageAlive.load(); }
 int64_t StreamBufferFactory::metaAlive() { return gMetaAlive.load(); }
 void StreamBufferFactory::failNextImage(int n) { gFailImage = n; }
+void StreamBufferFactory::handOutAgain(std::shared_ptr<NSCam::v3::IImageStreamBuffer> sb) {
+    std::lock_guard<std::mutex> lk(gHandOutAgainLock);
+    gHandOutAgain = std::move(sb);
+    gHandOutAgainArmed = static_cast<bool>(gHandOutAgain);
+}
 void StreamBufferFactory::failNextMeta(int n) { gFailMeta = n; }
 void StreamBufferFactory::failNextMetaLock(int n) { gFailMetaLock = n; }
 void StreamBufferFactory::setImageStatus(uint32_t status) { gImageStatus = status; }

@@ -13,6 +13,7 @@
 #include <vexlor/IMetadata.h>
 #include <vexlor/IPrinter.h>
 #include <vexlor/ImageBufferHeap.h>
+#include <vexlor/StreamBuffer.h>
 
 namespace vexlor::host {
 
@@ -137,6 +138,9 @@ public:
     static int64_t imageAlive();
     static int64_t metaAlive();
     static void failNextImage(int n);  // as HeapFactory::failNext
+    // The next image stream buffer made is `sb`, one already handed out: a platform that gives a
+    // buffer twice (nullptr to disarm).
+    static void handOutAgain(std::shared_ptr<NSCam::v3::IImageStreamBuffer> sb);
     static void failNextMeta(int n);
     static void failNextMetaLock(int n);  // tryReadLockMeta returns null
     static void setImageStatus(uint32_t status);  // statusOf() of buffers made afterwards
