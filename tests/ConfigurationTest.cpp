@@ -144,5 +144,19 @@ TEST_F(ConfigurationTest, FailingImageStreamsLeaveTheMetaStreamsOut) {
     EXPECT_FALSE(printer.contains("0x10:meta"));
 }
 
+// A stream given without its info is skipped with a warning; the configuration goes on.
+TEST_F(ConfigurationTest, AnImageStreamWithoutInfoIsSkipped) {
+    host::setULogSwitches(3, 0x207000, 1);
+    auto m = makeManager();
+    IFrameBufferManager::ConfigureStreams cfg;
+    cfg.imageStreams.push_back({nullptr, eHAL_IMAGE_POOL, nullptr});
+    cfg.metaStreams.push_back({metaInfo(0x10), eHAL_META});
+    EXPECT_EQ(m->configureStreams(cfg), 0);
+    EXPECT_EQ(androidCount("[addImageStreams] empty stream info"), 1u);
+    host::StringPrinter printer;
+    m->dumpConfigStreams(printer);
+    EXPECT_TRUE(printer.contains("0x10:meta"));
+}
+
 }  // namespace
 }  // namespace fbmtest

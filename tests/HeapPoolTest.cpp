@@ -179,9 +179,9 @@ TEST_F(HeapPoolTest, PendingDecreaseIsConsumedByTheFirstNeedReleaseQuestion) {
     EXPECT_TRUE(pool->isPoolNeedRelease(needRelease));
     EXPECT_EQ(needRelease, 2);
     EXPECT_FALSE(pool->isPoolWaitForRelease());
-    needRelease = 0;
+    needRelease = -1;
     EXPECT_TRUE(pool->isPoolNeedRelease(needRelease));  // nothing available
-    EXPECT_EQ(needRelease, 0);
+    EXPECT_EQ(needRelease, -1);                          // nothing asked: left as the caller set it
 
     pool->updateMaxBuffer(five);  // 7 made: pending again
     int32_t seven = 7;            // as many as made, or more, leaves it as it is
@@ -303,26 +303,6 @@ TEST_F(HeapPoolTest, DestructionStopsTheWorkerAndListsHeapsStillOut) {
     EXPECT_EQ(host::HeapFactory::alive(), 0);
 }
 
-// Whether its worker waits for a heap to come back or pauses before retrying a failing allocator,
-// destroying a pool ends the worker at once.
-TEST_F(HeapPoolTest, DestroyingAPoolEndsAWaitingOrRetryingWorker) {
-    HeapPtr out;
-    {
-        auto pool = makePool();
-        ASSERT_EQ(pool->allocateBuffers("s", 1, 1, 1), 0);
-        ASSERT_TRUE(settled(*pool, 1));
-        ASSERT_EQ(pool->acquireFromPool("c", out), 0);
-        pool->updateBufferCount(0);  // the worker now waits for the heap to come back
-    }
-    host::HeapFactory::failNext(-1);
-    {
-        auto pool = makePool();
-        ASSERT_EQ(pool->allocateBuffers("s", 1, 2, 2), 0);
-        ASSERT_TRUE(waitForLine("do_construct allocate buffer failed"));
-    }
-    EXPECT_EQ(androidCount("updateBufferCount thread - "), 2u);
-}
-
 // Whether thread `tid` of this process sleeps (blocked in the kernel, as on a futex). True when
 // that cannot be read, so a caller waiting for it never waits for ever.
 bool threadSleeps(pid_t tid) {
@@ -331,6 +311,35 @@ bool threadSleeps(pid_t tid) {
     if (!std::getline(stat, text)) return true;
     auto const close = text.rfind(')');  // the state follows the name, which may hold anything
     return close == std::string::npos || text.compare(close + 1, 3, " S ") == 0;
+}
+
+// Whether its worker waits for a heap to come back or pauses before retrying a failing allocator,
+// destroying a pool ends the worker at once.
+TEST_F(HeapPoolTest, DestroyingAPoolEndsAWaitingOrRetryingWorker) {
+    host::setProperty("vendor.debug.camera.log.pipeline.fbm.pool", 1);
+    std::atomic<pid_t> workerTid{0};
+    host::LogCapture::setLineHook([&](std::string const& line) {
+        if (line.find("current max(1) target(0)") != std::string::npos)
+            workerTid = static_cast<pid_t>(::syscall(SYS_gettid));
+    });
+    HeapPtr out;
+    {
+        Watchdog dog(std::chrono::seconds(20), [] { return "a pool's worker waiting for a heap outlived it"; });
+        auto pool = makePool();
+        ASSERT_EQ(pool->allocateBuffers("s", 1, 1, 1), 0);
+        ASSERT_TRUE(settled(*pool, 1));
+        ASSERT_EQ(pool->acquireFromPool("c", out), 0);
+        pool->updateBufferCount(0);
+        while (workerTid == 0 || !threadSleeps(workerTid)) std::this_thread::yield();  // waits for the heap
+    }
+    host::LogCapture::setLineHook(nullptr);
+    host::HeapFactory::failNext(-1);
+    {
+        auto pool = makePool();
+        ASSERT_EQ(pool->allocateBuffers("s", 1, 2, 2), 0);
+        ASSERT_TRUE(waitForLine("do_construct allocate buffer failed"));
+    }
+    EXPECT_EQ(androidCount("updateBufferCount thread - "), 2u);
 }
 
 // The worker, done with a target, parks unless told to exit. A destructor that sets the exit

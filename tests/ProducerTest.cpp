@@ -287,11 +287,18 @@ TEST_F(ProducerTest, NewHeapPoolRefusedWhileBuffersAreOut) {
     auto producer = makeProducer(1);
     SbPtr sb;
     ASSERT_EQ(producer->acquireFromPool("x", sb, kLong), 0);
+    SbPtr const shared = producer->shareSB(sb);
+    ASSERT_TRUE(shared);
     auto replacement = std::make_shared<BufferHeapPool>("other", mAllocator);
     EXPECT_EQ(producer->setBufferHeapPool(replacement), -EINVAL);
     EXPECT_EQ(androidCount(" Pool(preview-pool): previous pool still in-use) (setBufferHeapPool)"), 1u);
-    EXPECT_EQ(androidCount("InUse(Heap#1){Sb#1}"), 1u);  // and what is still out
+    std::ostringstream out;  // and what is still out: the heap, its buffers in address order
+    out << "InUse(Heap#1){Sb#2}: (" << static_cast<void*>(sb->imageBufferHeap().get()) << "){"
+        << static_cast<void*>(std::min(sb.get(), shared.get())) << "."
+        << static_cast<void*>(std::max(sb.get(), shared.get())) << ".}#2; ";
+    EXPECT_EQ(androidCount(out.str()), 1u);
     sb->releaseToOwner();
+    shared->releaseToOwner();
     EXPECT_EQ(producer->setBufferHeapPool(replacement), 0);
 }
 

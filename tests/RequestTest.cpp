@@ -191,18 +191,6 @@ TEST_F(RequestTest, SharedGroupHasOneDerivedAllocation) {
 
 TEST_F(RequestTest, GroupsThatCannotShareAreSetUpOneByOne) {
     host::HeapFactory::setRecordCalls(true);
-    // t3 splits its planes otherwise, with the same total as t1: a tie, which the first member wins.
-    Utils::ImageStreamInfoParams tie;
-    tie.name = "t3";
-    tie.id = 0x52;
-    tie.format = kYuvFormat;
-    tie.size = {640, 480};
-    tie.planes.count = 2;
-    tie.planes.planes[0] = {640 * 480 * 5 / 4, 640};
-    tie.planes.planes[1] = {640 * 480 / 4, 640};
-    tie.maxBufNum = 2;
-    tie.minInitBufNum = 1;
-    auto const tieOfT1 = Utils::makeImageStreamInfo(tie);
     IFrameBufferManager::ConfigureStreams cfg;
     cfg.sharedGroups = std::make_shared<std::vector<std::set<StreamId_T>>>(
         std::vector<std::set<StreamId_T>>{{0x10, 0x11, 0x12}, {0x20, 0x21}, {0x30, 0x31}, {0x40}, {0x50, 0x51, 0x52}});
@@ -219,7 +207,8 @@ TEST_F(RequestTest, GroupsThatCannotShareAreSetUpOneByOne) {
         // Three that can share: one pool for the three.
         {imageInfo({.id = 0x50, .name = "t1", .max = 2, .min = 1}), eHAL_IMAGE_POOL, nullptr},
         {imageInfo({.id = 0x51, .name = "t2", .max = 1, .min = 1}), eHAL_IMAGE_POOL, nullptr},
-        {tieOfT1, eHAL_IMAGE_POOL, nullptr},
+        // t3 splits its planes otherwise, with the same total as t1: a tie, which the first member wins.
+        {imageInfo({.id = 0x52, .name = "t3", .max = 2, .min = 1, .luma = 640 * 480 * 5 / 4}), eHAL_IMAGE_POOL, nullptr},
     };
     mManager->beginConfigure();
     ASSERT_EQ(mManager->configureStreams(cfg), 0);

@@ -19,12 +19,7 @@
 namespace {
 
 using nlohmann::json;
-using simtest::has;
-using simtest::runSim;
-using simtest::shippedScenarios;
-using simtest::SimRun;
-using simtest::slurp;
-using simtest::TempDir;
+using namespace simtest;
 
 // What a run's output says of each manager, from the manager's own lines only: its configuration
 // (the three stream tables), the frame rate and the streams its ready sets keep.

@@ -19,12 +19,7 @@
 
 namespace {
 
-using simtest::has;
-using simtest::runSim;
-using simtest::slurp;
-using simtest::SimRun;
-using simtest::SimSpawn;
-using simtest::TempDir;
+using namespace simtest;
 
 bool isPng(std::string const& path) { return slurp(path).rfind("\x89PNG", 0) == 0; }
 

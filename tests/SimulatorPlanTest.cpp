@@ -12,10 +12,7 @@
 
 namespace {
 
-using simtest::has;
-using simtest::runSim;
-using simtest::slurp;
-using simtest::SimRun;
+using namespace simtest;
 
 // One kept pool stream and a selector that holds exactly `k` sets (the newest of each selection,
 // until the next one). Results and selection on the requesting thread: one frame's buffer is in

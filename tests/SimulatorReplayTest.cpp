@@ -15,11 +15,7 @@
 namespace {
 
 using nlohmann::json;
-using simtest::has;
-using simtest::runSim;
-using simtest::SimRun;
-using simtest::slurp;
-using simtest::TempDir;
+using namespace simtest;
 
 std::vector<std::string> const kRun{"-n", "300", "--seed", "5", "--result-threads", "0"};
 

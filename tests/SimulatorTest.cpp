@@ -12,9 +12,7 @@
 
 namespace {
 
-using simtest::runSim;
-using simtest::slurp;
-using simtest::SimRun;
+using namespace simtest;
 
 // Arguments split at blanks: for the tests whose arguments hold none.
 SimRun sim(std::string const& args) {

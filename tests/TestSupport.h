@@ -122,6 +122,7 @@ struct StreamSpec {
     size_t min = 2;
     bool deferred = false;
     uint32_t secure = 0;
+    size_t luma = 0;  // a YUV's first plane in bytes (w*h when 0); the second holds the rest of w*h*3/2
 };
 
 inline std::shared_ptr<IImageStreamInfo> imageInfo(StreamSpec const& s) {
@@ -134,9 +135,10 @@ inline std::shared_ptr<IImageStreamInfo> imageInfo(StreamSpec const& s) {
         p.planes.count = 1;
         p.planes.planes[0] = {static_cast<size_t>(s.w) * s.h, static_cast<size_t>(s.w) * s.h};
     } else {
+        size_t const pixels = static_cast<size_t>(s.w) * s.h, luma = s.luma ? s.luma : pixels;
         p.planes.count = 2;
-        p.planes.planes[0] = {static_cast<size_t>(s.w) * s.h, static_cast<size_t>(s.w)};
-        p.planes.planes[1] = {static_cast<size_t>(s.w) * s.h / 2, static_cast<size_t>(s.w)};
+        p.planes.planes[0] = {luma, static_cast<size_t>(s.w)};
+        p.planes.planes[1] = {pixels * 3 / 2 - luma, static_cast<size_t>(s.w)};
     }
     p.maxBufNum = s.max;
     p.minInitBufNum = s.min;
