@@ -27,8 +27,11 @@ protected:
             return nivo::IImageBufferHeapFactory::create("fbm", "heap", {}, false);
         };
     }
-    std::unique_ptr<BufferHeapPool> makePool(char const* name = "pool") {
-        return std::make_unique<BufferHeapPool>(name, mAllocator);
+    // A pool, and with `filled` its first `filled` heaps made (as many as its maximum and minimum).
+    std::unique_ptr<BufferHeapPool> makePool(char const* name = "pool", int32_t filled = 0) {
+        auto pool = std::make_unique<BufferHeapPool>(name, mAllocator);
+        EXPECT_TRUE(filled == 0 || (pool->allocateBuffers("s", 1, filled, filled) == 0 && settled(*pool, filled)));
+        return pool;
     }
     // Waits until the pool holds `n` heaps and the factory agrees.
     static bool settled(BufferHeapPool& pool, int32_t n) {
@@ -54,9 +57,7 @@ protected:
     static int futureCount(BufferHeapPool& pool) { return dumpedCount(pool, "future"); }
     // A pool whose `n` heaps are all handed out: they come back through `out`.
     std::unique_ptr<BufferHeapPool> exhaustedPool(int32_t n, std::vector<HeapPtr>& out) {
-        auto pool = makePool();
-        EXPECT_EQ(pool->allocateBuffers("s", 1, n, n), 0);
-        EXPECT_TRUE(settled(*pool, n));
+        auto pool = makePool("pool", n);
         out.resize(n);
         for (auto& h : out) EXPECT_EQ(pool->acquireFromPool("c", h), 0);
         return pool;
@@ -121,9 +122,7 @@ TEST_F(HeapPoolTest, HeapsComeOutInTheOrderTheyBecameAvailable) {
 }
 
 TEST_F(HeapPoolTest, ReturningAnUnknownHeapOrTwiceIsRefused) {
-    auto pool = makePool();
-    ASSERT_EQ(pool->allocateBuffers("s", 1, 1, 1), 0);
-    ASSERT_TRUE(settled(*pool, 1));
+    auto pool = makePool("pool", 1);
     HeapPtr stranger = nivo::IImageBufferHeapFactory::create("t", "t", {}, false);
     HeapPtr copy = stranger;
     EXPECT_EQ(pool->releaseToPool("c", std::move(copy)), -EINVAL);
@@ -138,9 +137,7 @@ TEST_F(HeapPoolTest, ReturningAnUnknownHeapOrTwiceIsRefused) {
 }
 
 TEST_F(HeapPoolTest, LoweringTheMaximumShedsAvailableHeapsOldestFirst) {
-    auto pool = makePool();
-    ASSERT_EQ(pool->allocateBuffers("s", 1, 7, 7), 0);
-    ASSERT_TRUE(settled(*pool, 7));
+    auto pool = makePool("pool", 7);
     std::vector<HeapPtr> inUse(3);
     for (auto& h : inUse) ASSERT_EQ(pool->acquireFromPool("c", h), 0);
     std::vector<nivo::IImageBufferHeap*> remaining;  // the 4th and later, in list order
@@ -253,9 +250,7 @@ TEST_F(HeapPoolTest, FailingAllocatorIsRetriedAfterGrowingPausesUntilItSucceeds)
         if (triesNs.size() == 6) host::HeapFactory::failNext(0);  // the sixth try succeeds
     });
     host::HeapFactory::failNext(-1);
-    auto pool = makePool();
-    ASSERT_EQ(pool->allocateBuffers("s", 1, 2, 2), 0);
-    ASSERT_TRUE(settled(*pool, 2));
+    auto pool = makePool("pool", 2);
     EXPECT_EQ(androidCount("[operator()] do_construct allocate buffer failed (operator()){#"), 5u);
     std::lock_guard<std::mutex> lk(m);
     ASSERT_EQ(triesNs.size(), 7u);
@@ -283,9 +278,7 @@ TEST_F(HeapPoolTest, ATargetRaisedWhileTheWorkerWaitsToShedIsHeld) {
 TEST_F(HeapPoolTest, DestructionStopsTheWorkerAndListsHeapsStillOut) {
     HeapPtr out1, out2;
     {
-        auto pool = makePool("gone");
-        ASSERT_EQ(pool->allocateBuffers("s", 1, 3, 3), 0);
-        ASSERT_TRUE(settled(*pool, 3));
+        auto pool = makePool("gone", 3);
         ASSERT_EQ(pool->acquireFromPool("c", out1), 0);
         ASSERT_EQ(pool->acquireFromPool("c", out2), 0);
         host::LogCapture::clear();
@@ -325,9 +318,7 @@ TEST_F(HeapPoolTest, DestroyingAPoolEndsAWaitingOrRetryingWorker) {
     HeapPtr out;
     {
         Watchdog dog(std::chrono::seconds(20), [] { return "a pool's worker waiting for a heap outlived it"; });
-        auto pool = makePool();
-        ASSERT_EQ(pool->allocateBuffers("s", 1, 1, 1), 0);
-        ASSERT_TRUE(settled(*pool, 1));
+        auto pool = makePool("pool", 1);
         ASSERT_EQ(pool->acquireFromPool("c", out), 0);
         pool->updateBufferCount(0);
         while (workerTid == 0 || !threadSleeps(workerTid)) std::this_thread::yield();  // waits for the heap

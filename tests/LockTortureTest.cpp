@@ -17,10 +17,7 @@
 namespace fbmtest {
 namespace {
 
-using NSCam::Condition;
-using NSCam::LockGuard;
-using NSCam::Mutex;
-using NSCam::TimedMutex;
+using namespace NSCam;  // the locks under test
 using namespace std::chrono_literals;
 
 constexpr int kThreads = 4;

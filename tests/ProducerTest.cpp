@@ -268,6 +268,16 @@ TEST_F(ProducerTest, SharedHeapGoesBackAfterTheLastBufferInAnyOrder) {
     // Level 3 dumps the producer after every acquire, share and release: 1 + 2 + 3 per order.
     EXPECT_EQ(androidCount("dump current in-use heaps and stream buffers"), 18u);
     EXPECT_EQ(androidCount("[dump] Producer("), 18u);
+    // Level 2 logs each buffer and dumps nothing.
+    host::setProperty("vendor.debug.camera.log.pipeline.fbm.producer", 2);
+    host::LogCapture::clear();
+    auto quieter = makeProducer(1);
+    SbPtr sb;
+    ASSERT_EQ(quieter->acquireFromPool("x", sb, kLong), 0);
+    quieter->shareSB(sb)->releaseToOwner();
+    sb->releaseToOwner();
+    EXPECT_EQ(androidCount("(ref_cnt:"), 4u);
+    EXPECT_EQ(androidCount("[dump] Producer("), 0u);
 }
 
 TEST_F(ProducerTest, SharingAForeignOrReleasedBufferGivesNothing) {
@@ -349,19 +359,19 @@ TEST_F(ProducerTest, BufferNotMadeGivesTheHeapBack) {
     sb->releaseToOwner();
 }
 
-// Two owners of one heap, or a release of a buffer never handed out, stop the process.
+// A release of a buffer never handed out (here to a producer that has handed out none yet), or two
+// owners of one heap, stop the process.
 TEST_F(ProducerTest, TrackingFaultsAreFatal) {
     auto producer = makeProducer(2);
+    auto stranger = Utils::makeHalImageStreamBuffer({mInfo, mAllocator(), nullptr, nullptr});
+    EXPECT_DEATH(producer->releaseToPool("x", stranger),
+                 "\\[releaseToPool:line-[0-9]+\\] Producer\\(0x[0-9a-f]+ 0x10 preview\\) "
+                 "Pool\\(preview-pool\\): SB\\(0x[0-9a-f]+\\) not found!");
     SbPtr sb, again;
     ASSERT_EQ(producer->acquireFromPool("x", sb, kLong), 0);
     host::StreamBufferFactory::handOutAgain(sb);  // a platform that hands out a buffer twice
     EXPECT_DEATH(producer->acquireFromPool("x", again, kLong),
                  "SB\\(0x[0-9a-f]+\\) already exist, leak happend\\.\\.\\. Heap\\(0x[0-9a-f]+\\)");
-    host::StreamBufferFactory::handOutAgain(nullptr);  // still armed here: the child took it
-    auto stranger = Utils::makeHalImageStreamBuffer({mInfo, mAllocator(), nullptr, nullptr});
-    EXPECT_DEATH(producer->releaseToPool("x", stranger),
-                 "\\[releaseToPool:line-[0-9]+\\] Producer\\(0x[0-9a-f]+ 0x10 preview\\) "
-                 "Pool\\(preview-pool\\): SB\\(0x[0-9a-f]+\\) not found!");
     sb->releaseToOwner();
 }
 
