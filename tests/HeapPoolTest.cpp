@@ -277,6 +277,10 @@ TEST_F(HeapPoolTest, ATargetRaisedWhileTheWorkerWaitsToShedIsHeld) {
 
 TEST_F(HeapPoolTest, DestructionStopsTheWorkerAndListsHeapsStillOut) {
     HeapPtr out1, out2;
+    int64_t aliveAtLine = -1;  // the available heap is freed before the line is written
+    host::LogCapture::setLineHook([&](std::string const& line) {
+        if (line.find("not return to pool") != std::string::npos) aliveAtLine = host::HeapFactory::alive();
+    });
     {
         auto pool = makePool("gone", 3);
         ASSERT_EQ(pool->acquireFromPool("c", out1), 0);
@@ -291,6 +295,7 @@ TEST_F(HeapPoolTest, DestructionStopsTheWorkerAndListsHeapsStillOut) {
     EXPECT_NE(lines.back().text.find("inUse(#0) not return to pool. " + heaps.str()), std::string::npos)
         << lines.back().text;
     EXPECT_EQ(host::HeapFactory::alive(), 2);  // the available one was freed; ours live on
+    EXPECT_EQ(aliveAtLine, 2);
     out1.reset();
     out2.reset();
     EXPECT_EQ(host::HeapFactory::alive(), 0);

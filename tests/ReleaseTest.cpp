@@ -146,22 +146,17 @@ private:
 TEST_F(ReleaseTest, LargeBatchesHandTheirMetadataToTheWorker) {
     roomForKeptFrames(8);
     long const self = static_cast<long>(syscall(SYS_gettid));
+    auto release = [&](int sets) {  // the threads the sets' metadata (two each) ended on
+        MetaDestroyWatch watch;
+        mManager->tryReleaseHistoryBufferSets(kPreview, sets, false);
+        auto tids = watch.waitFor(2 * sets);
+        EXPECT_EQ(tids.size(), 2u * sets);
+        return tids;
+    };
     for (uint32_t f = 1; f <= 4; ++f) keptFrame(f, f);
-    {
-        MetaDestroyWatch watch;
-        mManager->tryReleaseHistoryBufferSets(kPreview, 4, false);
-        auto tids = watch.waitFor(8);
-        ASSERT_EQ(tids.size(), 8u);
-        for (long t : tids) EXPECT_EQ(t, self);
-    }
+    for (long t : release(4)) EXPECT_EQ(t, self);
     for (uint32_t f = 1; f <= 5; ++f) keptFrame(10 + f, f);
-    {
-        MetaDestroyWatch watch;
-        mManager->tryReleaseHistoryBufferSets(kPreview, 5, false);
-        auto tids = watch.waitFor(10);
-        ASSERT_EQ(tids.size(), 10u);
-        for (long t : tids) EXPECT_NE(t, self);
-    }
+    for (long t : release(5)) EXPECT_NE(t, self);
     releaseEverythingAndCheck();
 }
 

@@ -313,18 +313,20 @@ TEST_F(ResultsTest, CloneSkipsImagesOfStreamsWithoutAPool) {
               1u);
 }
 
-TEST_F(ResultsTest, SharingSeveralImagesSharesEachInOrder) {
+TEST_F(ResultsTest, SharingSeveralImagesOrCopyingSeveralMetadataKeepsEachInOrder) {
     auto [e1, a] = request(kPreview, 1);
     auto [e2, b] = request(kFullA, 1);
     ASSERT_EQ(e1 | e2, 0);
     std::vector<SbPtr> out;
-    mManager->addSharedImages({}, out);
-    EXPECT_TRUE(out.empty());
     mManager->addSharedImages({a, b}, out);
     ASSERT_EQ(out.size(), 2u);
     EXPECT_EQ(out[0]->imageBufferHeap(), a->imageBufferHeap());
     EXPECT_EQ(out[1]->imageBufferHeap(), b->imageBufferHeap());
     EXPECT_NE(out[0], a);  // new stream buffers; the sources are left as they were
+    std::vector<std::shared_ptr<IMetaStreamBuffer>> metas;
+    mManager->addCopiedMetas({makeMeta(mHalMetaInfo, 11), makeMeta(mAppMetaInfo, 12)}, metas);
+    ASSERT_EQ(metas.size(), 2u);
+    EXPECT_EQ((std::vector<int64_t>{metaValue(metas[0]), metaValue(metas[1])}), (std::vector<int64_t>{11, 12}));
     releaseEverythingAndCheck({&a, &b, &out[0], &out[1]});
 }
 
