@@ -69,11 +69,6 @@ TEST_F(ConfigurationTest, MetaStreamsReplaceByIdAndAreDumpedInIdOrder) {
     EXPECT_FALSE(printer.contains("<config messages>"));
 }
 
-TEST_F(ConfigurationTest, UnknownStreamIsAWarningAndNoRecord) {
-    auto m = makeManager();
-    EXPECT_EQ(m->queryConfigImageStream(0x77), nullptr);
-    EXPECT_EQ(androidCount("[queryConfigImageStream] couldn't find streamId:0x77"), 1u);
-}
 
 TEST_F(ConfigurationTest, WarningsOfEveryConfigurationAreKeptAndDumped) {
     host::setULogSwitches(3, 0x207000, 1);
@@ -131,31 +126,28 @@ TEST_F(ConfigurationTest, LineIsLoggedButNotKeptWhileTheListIsBusy) {
     m->mConfigLogLock.unlock();
 }
 
-TEST_F(ConfigurationTest, FailingImageStreamsLeaveTheMetaStreamsOut) {
-    auto m = makeManager();
-    IFrameBufferManager::ConfigureStreams cfg;
-    cfg.imageStreams.push_back({imageInfo({.id = 1, .name = "jpeg"}), eAPP_IMAGE_PROVIDER, nullptr});
-    cfg.metaStreams.push_back({metaInfo(0x10), eHAL_META});
-    EXPECT_EQ(m->configureStreams(cfg), -EINVAL);
+
+
+// An unknown stream has no record; a failing image stream leaves the meta streams out; one given
+// without its info is skipped with a warning and the configuration goes on.
+TEST_F(ConfigurationTest, BadImageStreamsAreNamed) {
+    host::setULogSwitches(3, 0x207000, 1);
+    for (bool failing : {true, false}) {
+        auto m = makeManager();
+        EXPECT_EQ(m->queryConfigImageStream(0x77), nullptr);
+        IFrameBufferManager::ConfigureStreams cfg;
+        if (failing) cfg.imageStreams.push_back({imageInfo({.id = 1, .name = "jpeg"}), eAPP_IMAGE_PROVIDER, nullptr});
+        if (!failing) cfg.imageStreams.push_back({nullptr, eHAL_IMAGE_POOL, nullptr});
+        cfg.metaStreams.push_back({metaInfo(0x10), eHAL_META});
+        EXPECT_EQ(m->configureStreams(cfg), failing ? -EINVAL : 0);
+        host::StringPrinter printer;
+        m->dumpConfigStreams(printer);
+        EXPECT_EQ(printer.contains("0x10:meta"), !failing);
+    }
+    EXPECT_EQ(androidCount("[queryConfigImageStream] couldn't find streamId:0x77"), 2u);
     EXPECT_EQ(androidCount("[addImageStreams] [0x1:jpeg"), 1u);
     EXPECT_EQ(androidCount("] Bad provider (addImageStreams){#"), 1u);
-    host::StringPrinter printer;
-    m->dumpConfigStreams(printer);
-    EXPECT_FALSE(printer.contains("0x10:meta"));
-}
-
-// A stream given without its info is skipped with a warning; the configuration goes on.
-TEST_F(ConfigurationTest, AnImageStreamWithoutInfoIsSkipped) {
-    host::setULogSwitches(3, 0x207000, 1);
-    auto m = makeManager();
-    IFrameBufferManager::ConfigureStreams cfg;
-    cfg.imageStreams.push_back({nullptr, eHAL_IMAGE_POOL, nullptr});
-    cfg.metaStreams.push_back({metaInfo(0x10), eHAL_META});
-    EXPECT_EQ(m->configureStreams(cfg), 0);
     EXPECT_EQ(androidCount("[addImageStreams] empty stream info"), 1u);
-    host::StringPrinter printer;
-    m->dumpConfigStreams(printer);
-    EXPECT_TRUE(printer.contains("0x10:meta"));
 }
 
 }  // namespace

@@ -166,8 +166,10 @@ TEST_F(HeapPoolTest, LoweringTheMaximumShedsAvailableHeapsOldestFirst) {
 }
 
 TEST_F(HeapPoolTest, PendingDecreaseIsConsumedByTheFirstNeedReleaseQuestion) {
+    host::setProperty("vendor.debug.camera.log.pipeline.fbm.pool", 1);  // each step has its line
     std::vector<HeapPtr> all;
     auto pool = exhaustedPool(7, all);
+    EXPECT_EQ(androidCount("[getBufferFromPool_l] [c] available(#"), 7u);
 
     int32_t five = 5;
     pool->updateMaxBuffer(five);
@@ -175,6 +177,10 @@ TEST_F(HeapPoolTest, PendingDecreaseIsConsumedByTheFirstNeedReleaseQuestion) {
     int32_t needRelease = 0;
     EXPECT_TRUE(pool->isPoolNeedRelease(needRelease));
     EXPECT_EQ(needRelease, 2);
+    for (char const* text : {"[pool] set mNeedDecreaseMaxBuffer = 2",
+                             "[isPoolWaitForRelease] [pool] mNeedDecreaseMaxBuffer = 2",
+                             "[pool] reset mNeedDecreaseMaxBuffer = 2 -> 0"})
+        EXPECT_EQ(androidCount(text), 1u) << text;
     EXPECT_FALSE(pool->isPoolWaitForRelease());
     needRelease = -1;
     EXPECT_TRUE(pool->isPoolNeedRelease(needRelease));  // nothing available
@@ -188,6 +194,7 @@ TEST_F(HeapPoolTest, PendingDecreaseIsConsumedByTheFirstNeedReleaseQuestion) {
     pool->updateMaxBuffer(nine);
     EXPECT_TRUE(pool->isPoolWaitForRelease());
     for (auto& h : all) ASSERT_EQ(pool->releaseToPool("c", std::move(h)), 0);
+    EXPECT_EQ(androidCount("[returnBufferToPool_l] [c] successfully return buffer. available(#"), 7u);
     EXPECT_TRUE(settled(*pool, 9));
 
     // A decrease of one with heaps to spare still says room is needed, and asks for none back

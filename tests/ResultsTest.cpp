@@ -89,23 +89,42 @@ TEST_F(ResultsTest, KeptImageSharesTheHeapAndKeptMetadataIsACopy) {
     releaseEverythingAndCheck();
 }
 
-// At the manager's level 2, each result is one line: what was kept (O) and let go (X), by name.
-TEST_F(ResultsTest, DebugLineNamesWhatIsKeptAndWhatIsLetGo) {
-    host::setULogSwitches(5, 0x207000, 1);
-    host::setProperty("vendor.debug.camera.log.pipeline.fbm", 2);
-    remakeManager("chatty");
-    configure();
-    track(1, {kPreview}, {kHalMeta});
-    auto [err, sb] = request(kPreview, 1);
-    ASSERT_EQ(err, 0);
-    Result r{.timestamp = 100, .images = {sb}, .toRelease = {sb}, .halMeta = {makeMeta(mHalMetaInfo, 1)}};
-    sb.reset();
-    returnResult(1, r);
-    std::regex const line(R"(\[returnResult\] \[R1001 F1\]TS:100   preview#\d+\(O\)  halMeta#\d+\(O\)  preview#\d+\(X\)  => move to ReadyList)");
-    size_t matched = 0;
-    for (auto const& l : host::LogCapture::androidLines()) matched += std::regex_search(l.text, line);
-    EXPECT_EQ(matched, 1u);
-    releaseEverythingAndCheck();
+// At the manager's level 2, each result is one line: what was kept (O) and let go (X), by name;
+// a frame's other steps have a line each (the recyclable flag, a placeholder, an error line), and
+// level 3 adds the selection and the frame's end.
+TEST_F(ResultsTest, DebugLinesAtLevelsTwoAndThree) {
+    for (int level : {2, 3}) {
+        SCOPED_TRACE(level);
+        host::setULogSwitches(5, 0x207000, 1);
+        host::setProperty("vendor.debug.camera.log.pipeline.fbm", level);
+        remakeManager("chatty");
+        configure();
+        host::LogCapture::clear();
+        track(1, {kPreview}, {kHalMeta});
+        auto [err, sb] = request(kPreview, 1);
+        ASSERT_EQ(err, 0);
+        Result r{.timestamp = 100, .images = {sb}, .toRelease = {sb}, .halMeta = {makeMeta(mHalMetaInfo, 1)}};
+        sb.reset();
+        returnResult(1, r);
+        std::regex const line(R"(\[returnResult\] \[R1001 F1\]TS:100   preview#\d+\(O\)  halMeta#\d+\(O\)  preview#\d+\(X\)  => move to ReadyList)");
+        size_t matched = 0;
+        for (auto const& l : host::LogCapture::androidLines()) matched += std::regex_search(l.text, line);
+        EXPECT_EQ(matched, 1u);
+        auto sets = mManager->beginSelect();
+        ASSERT_EQ(sets.size(), 1u);
+        mManager->returnUnselectedSet({sets.front(), false});
+        mManager->endSelect();
+        mManager->tryReleaseHistoryBufferSets(kPreview, 1, false);
+        mManager->enableFrameResultRecyclable(7, true);
+        for (char const* text : {"] acquireFromPool (", "] track:", "] welcome back, ", "try release count(1) +",
+                                 "[releaseOneBufferSet] release [R1001 F1]",
+                                 "[enableFrameResultRecyclable] TODO - frameNo:7 forceToRecycle:1"})
+            EXPECT_EQ(androidCount(text), 1u) << text;
+        for (char const* text : {"erase frameNo=1 from mInFlightList", "in selection +",
+                                 "try_lock_for mInSelectLock within timeout (10ms)"})
+            EXPECT_EQ(androidCount(text), level == 3 ? 1u : 0u) << text;
+        releaseEverythingAndCheck();
+    }
 }
 
 TEST_F(ResultsTest, FrameCompletesWhenTheLastTrackedBufferArrives) {
@@ -330,12 +349,6 @@ TEST_F(ResultsTest, SharingSeveralImagesOrCopyingSeveralMetadataKeepsEachInOrder
     releaseEverythingAndCheck({&a, &b, &out[0], &out[1]});
 }
 
-TEST_F(ResultsTest, RecyclableFlagIsAPlaceholder) {
-    host::setProperty("vendor.debug.camera.log.pipeline.fbm", 2);
-    auto m = makeManager();
-    m->enableFrameResultRecyclable(7, true);
-    EXPECT_EQ(androidCount("[enableFrameResultRecyclable] TODO - frameNo:7 forceToRecycle:1"), 1u);
-}
 
 TEST_F(ResultsTest, MetadataThatCannotBeLockedIsFatal) {
     track(1, {}, {kHalMeta});

@@ -2,7 +2,6 @@
 // Runs the built simulator as a user does, without a shell: an argument vector, its standard
 // output and error together, its exit status, and a time limit after which it is killed; and a
 // fresh folder for what a run reads and writes.
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -14,6 +13,7 @@
 #include <array>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -107,19 +107,14 @@ struct TempDir {
         path = mkdtemp(pattern.data()) ? pattern : "";
     }
     ~TempDir() {
-        for (auto const& n : names()) std::remove((path + "/" + n).c_str());
-        rmdir(path.c_str());
+        std::error_code ec;
+        if (!path.empty()) std::filesystem::remove_all(path, ec);
     }
     std::string operator/(std::string const& name) const { return path + "/" + name; }
     std::set<std::string> names() const {
         std::set<std::string> out;
-        if (DIR* d = opendir(path.c_str())) {
-            while (dirent* e = readdir(d)) {
-                std::string const n = e->d_name;
-                if (n != "." && n != "..") out.insert(n);
-            }
-            closedir(d);
-        }
+        std::error_code ec;
+        for (auto const& e : std::filesystem::directory_iterator(path, ec)) out.insert(e.path().filename());
         return out;
     }
     std::string write(std::string const& name, std::string const& text) const {
@@ -131,13 +126,9 @@ struct TempDir {
 // The scenario files shipped with the simulator.
 inline std::vector<std::string> shippedScenarios() {
     std::vector<std::string> out;
-    if (DIR* d = opendir(FBM_SCENARIO_DIR)) {
-        while (dirent* e = readdir(d)) {
-            std::string const n = e->d_name;
-            if (n.size() > 5 && n.substr(n.size() - 5) == ".json") out.push_back(std::string(FBM_SCENARIO_DIR) + "/" + n);
-        }
-        closedir(d);
-    }
+    std::error_code ec;
+    for (auto const& e : std::filesystem::directory_iterator(FBM_SCENARIO_DIR, ec))
+        if (e.path().extension() == ".json") out.push_back(e.path().string());
     return out;
 }
 
