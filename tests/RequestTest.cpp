@@ -342,6 +342,7 @@ TEST_F(RequestTest, PoolMaximumIsReadAndChanged) {
     EXPECT_EQ(allocated, -1);
     ASSERT_EQ(mManager->getBufferPoolMaxBufCount(kPreview, max, allocated), 0);
     EXPECT_EQ(max, 2);
+    EXPECT_EQ(androidCount(" failed!"), 0u);  // reading them is no error
     int same = 2;
     EXPECT_EQ(mManager->updateBufferPoolMaxBufCount(kPreview, same), 0);
     EXPECT_EQ(androidCount("has already been set to maxBufCount = 2"), 1u);
