@@ -92,6 +92,7 @@ TEST_F(ProducerTest, ClearGivesEveryTrackedHeapBackLowestAddressFirst) {
     ASSERT_TRUE(shared);
     producer->clear();  // the buffers live on, untracked
     EXPECT_EQ(androidCount("fail to return buffer"), 0u);
+    EXPECT_FALSE(producer->shareSB(a));  // forgotten: nothing is shared from here any more
     std::shared_ptr<nivo::IImageBufferHeap> heaps[3];
     for (auto& heap : heaps) ASSERT_EQ(mHeapPool->acquireFromPool("t", heap), 0);
     EXPECT_LT(heaps[1].get(), heaps[2].get());  // c's first, then a's and b's by address
