@@ -39,15 +39,15 @@ TEST_F(RequestTest, PooledBufferTakesTheRequestsInfoOrFallsBackOnALayoutChange) 
     ASSERT_EQ(err1, 0);
     EXPECT_EQ(pooled->streamInfoOf().get(), same.get());
     int max = 0, allocated = 0;
-    // Another row stride: allocated on the spot, the pool untouched.
+    // Another row stride of the second plane alone: allocated on the spot, the pool untouched.
     Utils::ImageStreamInfoParams p;
     p.name = "preview-wide";
     p.id = kPreview;
     p.format = kYuvFormat;
     p.size = {640, 480};
     p.planes.count = 2;
-    p.planes.planes[0] = {640 * 480, 704};
-    p.planes.planes[1] = {640 * 240, 640};
+    p.planes.planes[0] = {640 * 480, 640};
+    p.planes.planes[1] = {640 * 240, 704};
     auto wide = Utils::makeImageStreamInfo(p);
     int64_t const created = host::HeapFactory::created();
     auto [err2, runtime] = request(kPreview, 1, wide);
