@@ -150,14 +150,17 @@ bool BufferHeapPool::waitForHeap(uint64_t seen, std::chrono::nanoseconds slice) 
     auto const deadline = detail::deadlineAfter(slice);
     LockGuard<Mutex> lk(mHeapWaitLock);
     mHeapWaiters.fetch_add(1, std::memory_order_seq_cst);
-    bool came;
-    while (!(came = mAvailableSeq.load(std::memory_order_seq_cst) != seen)) {
+    bool woken = true;
+    while (mAvailableSeq.load(std::memory_order_seq_cst) == seen) {
         auto const left = deadline - std::chrono::steady_clock::now();
-        if (left <= std::chrono::nanoseconds::zero()) break;
-        mHeapWaitCond.waitFor(mHeapWaitLock, left);
+        if (left <= std::chrono::nanoseconds::zero()) {
+            woken = false;
+            break;
+        }
+        woken = mHeapWaitCond.waitFor(mHeapWaitLock, left);
     }
     mHeapWaiters.fetch_sub(1, std::memory_order_relaxed);
-    return came;
+    return woken;
 }
 
 int32_t BufferHeapPool::updateBufferCount(int32_t count) {

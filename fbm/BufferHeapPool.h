@@ -74,8 +74,9 @@ public:
     // Waiting for a heap, for the producers above. availableSeq() counts the heaps that became
     // available so far (made by the worker or given back through any producer); read it before
     // trying acquireFromPool, and waitForHeap(seen, slice) returns true at once if it moved since,
-    // else waits for the next one at most `slice`: true when one came, false when the slice ran
-    // out (a spurious wake-up of the wait does not end it).
+    // else waits for the next one at most `slice`: true when one came and woke it, false when the
+    // slice ran out (a heap that came without waking it still cost the slice, and counts as one;
+    // a spurious wake-up of the wait does not end it).
     uint64_t availableSeq() const { return mAvailableSeq.load(std::memory_order_acquire); }
     bool waitForHeap(uint64_t seen, std::chrono::nanoseconds slice) EXCLUDES(mHeapWaitLock);
 

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -306,16 +305,6 @@ TEST_F(HeapPoolTest, DestructionStopsTheWorkerAndListsHeapsStillOut) {
     out1.reset();
     out2.reset();
     EXPECT_EQ(host::HeapFactory::alive(), 0);
-}
-
-// Whether thread `tid` of this process sleeps (blocked in the kernel, as on a futex). True when
-// that cannot be read, so a caller waiting for it never waits for ever.
-bool threadSleeps(pid_t tid) {
-    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-    std::string text;
-    if (!std::getline(stat, text)) return true;
-    auto const close = text.rfind(')');  // the state follows the name, which may hold anything
-    return close == std::string::npos || text.compare(close + 1, 3, " S ") == 0;
 }
 
 // Whether its worker waits for a heap to come back or pauses before retrying a failing allocator,

@@ -113,29 +113,36 @@ TEST_F(ProducerTest, TimeoutZeroTriesOnceThenGivesUp) {
     held->releaseToOwner();
 }
 
-// Calls `action` on another thread when the heap pool has logged its n-th try of `stream` that
-// found no heap: the requester has then made its last try before waiting. Needs the pool's log
-// level at 1; the action runs off the logging thread, which holds the pool's locks.
+// Calls `action` on another thread once the heap pool has logged its n-th try of `stream` that
+// found no heap and the requester that made it has gone to sleep: it then waits for a heap, and
+// only a wake-up ends that wait before its slice runs out. Needs the pool's log level at 1; the
+// action runs off the logging thread, which holds the pool's locks.
 class OnNthEmptyTry {
 public:
     OnNthEmptyTry(std::string stream, int n, std::function<void()> action)
         : mThread([this, action = std::move(action)] {
               mGo.wait();
+              while (!threadSleeps(mRequester)) std::this_thread::yield();
               action();
           }) {
         host::LogCapture::setLineHook([this, stream = "[" + stream + "] available(#0)", n](std::string const& line) {
             if (line.find(stream) != std::string::npos && ++mSeen == n && !mFired.exchange(true)) {
+                mRequester = static_cast<pid_t>(::syscall(SYS_gettid));
                 mGo.count_down();
             }
         });
     }
     ~OnNthEmptyTry() {
         host::LogCapture::setLineHook(nullptr);
-        if (!mFired.exchange(true)) mGo.count_down();  // never reached: run it now, and end
+        if (!mFired.exchange(true)) {  // never reached: run it now, and end
+            mRequester = static_cast<pid_t>(::syscall(SYS_gettid));
+            mGo.count_down();
+        }
         mThread.join();
     }
 
 private:
+    pid_t mRequester = 0;  // written before mGo counts down, read after it
     std::atomic<int> mSeen{0};
     std::atomic<bool> mFired{false};
     std::latch mGo{1};

@@ -2,11 +2,14 @@
 // Shared fixtures of the tests: a clean platform for each test, stream infos, and a manager whose
 // internal state the tests may read.
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -26,6 +29,16 @@ using namespace NSCam::v3::pipeline;
 namespace host = vexlor::host;
 using SbPtr = std::shared_ptr<IImageStreamBuffer>;
 using MetaPtr = std::shared_ptr<IMetaStreamBuffer>;
+
+// Whether thread `tid` of this process sleeps (blocked in the kernel, as on a futex). True when
+// that cannot be read, so a caller waiting for it never waits for ever.
+inline bool threadSleeps(pid_t tid) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string text;
+    if (!std::getline(stat, text)) return true;
+    auto const close = text.rfind(')');  // the state follows the name, which may hold anything
+    return close == std::string::npos || text.compare(close + 1, 3, " S ") == 0;
+}
 
 inline constexpr uint32_t kYuvFormat = 0x32315659;
 inline constexpr uint32_t kBlobFormat = 0x21;
