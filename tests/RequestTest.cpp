@@ -161,6 +161,12 @@ TEST_F(RequestTest, RequestsAreTraced) {
     ASSERT_EQ(err, 0);
     EXPECT_EQ(host::TraceRecorder::countBegins("POOL requestStreamBuffer preview|request:1007 frame:7"), 1u);
     sb->releaseToOwner();
+    // A request whose info has no name is traced by its source alone.
+    auto [err2, sb2] = request(kPreview, 8, imageInfo({.id = kPreview, .name = "", .max = 2, .min = 2}));
+    ASSERT_EQ(err2, 0);
+    EXPECT_EQ(host::TraceRecorder::countBegins("POOL"), 1u);
+    EXPECT_EQ(host::TraceRecorder::countBegins("POOL requestStreamBuffer |request:1008 frame:8"), 0u);
+    sb2->releaseToOwner();
 }
 
 TEST_F(RequestTest, SharedGroupHasOneDerivedAllocation) {
