@@ -123,12 +123,7 @@ TEST_F(ResultsTest, DebugLinesAtLevelsTwoAndThree) {
         for (char const* text : {"erase frameNo=1 from mInFlightList", "in selection +",
                                  "try_lock_for mInSelectLock within timeout (10ms)"})
             EXPECT_EQ(androidCount(text), level == 3 ? 1u : 0u) << text;
-        track(2, {kPreview}, {});
-        auto [err2, sb2] = request(kPreview, 2);
-        ASSERT_EQ(err2, 0);
-        Result untimed{.timestamp = 0, .images = {sb2}, .toRelease = {sb2}};
-        sb2.reset();
-        returnResult(2, untimed);
+        keptFrame(2, 0);
         EXPECT_EQ(androidCount("[R1002 F2]TS:0   preview#"), 1u);
         EXPECT_EQ(androidCount(" => release bufferSet (TS: 0)"), 1u);  // no timestamp: never history
         releaseEverythingAndCheck();
