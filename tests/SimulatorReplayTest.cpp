@@ -18,6 +18,9 @@ using nlohmann::json;
 using namespace simtest;
 
 std::vector<std::string> const kRun{"-n", "300", "--seed", "5", "--result-threads", "0"};
+// The dump alone is one moment of the run: it shows a stall only while processing holds the pool
+// near full, as it does at frame 300 of these runs.
+std::vector<std::string> const kDumpAloneRun{"-n", "600", "--seed", "5", "--result-threads", "0"};
 
 // Time-outs per 100 requests of each stream that starved, from a run's own stream table.
 std::map<std::string, double> starvedIn(std::string const& out) {
@@ -39,15 +42,15 @@ TEST(SimulatorReplay, EveryShippedScenarioStarvesTheSameStreamsAgain) {
         SCOPED_TRACE(scenario);
         for (bool logcat : {true, false}) {
             SCOPED_TRACE(logcat ? "log and dump" : "the dump alone");
-            std::vector<std::string> args{"--scenario", scenario, "--dump-at", "150"};
-            args.insert(args.end(), kRun.begin(), kRun.end());
+            auto const& run = logcat ? kRun : kDumpAloneRun;
+            std::vector<std::string> args{"--scenario", scenario, "--dump-at", logcat ? "150" : "300"};
+            args.insert(args.end(), run.begin(), run.end());
             if (logcat) args.push_back("--logcat");
             SimRun recorded = runSim(args);
             ASSERT_EQ(recorded.exitCode, 0) << recorded.out;
             auto const starved = starvedIn(recorded.out);
-            if (!logcat && starved.empty()) continue;  // nothing to find without the log
             args = {"replay", dir.write("report.txt", recorded.out), "--json", dir / "replay.json"};
-            args.insert(args.end(), kRun.begin(), kRun.end());
+            args.insert(args.end(), run.begin(), run.end());
             SimRun r = runSim({args, {}, std::chrono::seconds(300)});
             ASSERT_EQ(r.exitCode, 0) << r.out;
             json const j = json::parse(slurp(dir / "replay.json"));
