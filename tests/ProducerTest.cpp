@@ -126,10 +126,9 @@ public:
               action();
           }) {
         host::LogCapture::setLineHook([this, stream = "[" + stream + "] available(#0)", n](std::string const& line) {
-            if (line.find(stream) != std::string::npos && ++mSeen == n && !mFired.exchange(true)) {
-                mRequester = static_cast<pid_t>(::syscall(SYS_gettid));
-                mGo.count_down();
-            }
+            if (line.find(stream) == std::string::npos || ++mSeen != n || mFired.exchange(true)) return;
+            mRequester = static_cast<pid_t>(::syscall(SYS_gettid));
+            mGo.count_down();
         });
     }
     ~OnNthEmptyTry() {

@@ -18,8 +18,7 @@ using nlohmann::json;
 using namespace simtest;
 
 std::vector<std::string> const kRun{"-n", "300", "--seed", "5", "--result-threads", "0"};
-// The dump alone is one moment of the run: it shows a stall only while processing holds the pool
-// near full, as it does at frame 300 of these runs.
+// The dump alone is one moment: it shows a stall while processing holds a pool near full (frame 300 here).
 std::vector<std::string> const kDumpAloneRun{"-n", "600", "--seed", "5", "--result-threads", "0"};
 
 // Time-outs per 100 requests of each stream that starved, from a run's own stream table.

@@ -30,8 +30,7 @@ namespace host = vexlor::host;
 using SbPtr = std::shared_ptr<IImageStreamBuffer>;
 using MetaPtr = std::shared_ptr<IMetaStreamBuffer>;
 
-// Whether thread `tid` of this process sleeps (blocked in the kernel, as on a futex). True when
-// that cannot be read, so a caller waiting for it never waits for ever.
+// Whether thread `tid` of this process sleeps (as on a futex); true when unreadable: no wait for ever.
 inline bool threadSleeps(pid_t tid) {
     std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
     std::string text;
