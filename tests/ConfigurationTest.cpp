@@ -69,7 +69,6 @@ TEST_F(ConfigurationTest, MetaStreamsReplaceByIdAndAreDumpedInIdOrder) {
     EXPECT_FALSE(printer.contains("<config messages>"));
 }
 
-
 TEST_F(ConfigurationTest, WarningsOfEveryConfigurationAreKeptAndDumped) {
     host::setULogSwitches(3, 0x207000, 1);
     auto m = makeManager();
@@ -125,8 +124,6 @@ TEST_F(ConfigurationTest, LineIsLoggedButNotKeptWhileTheListIsBusy) {
     EXPECT_TRUE(m->mConfigLogs.empty());
     m->mConfigLogLock.unlock();
 }
-
-
 
 // An unknown stream has no record; a failing image stream leaves the meta streams out; one given
 // without its info is skipped with a warning and the configuration goes on.

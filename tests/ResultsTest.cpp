@@ -356,7 +356,6 @@ TEST_F(ResultsTest, SharingSeveralImagesOrCopyingSeveralMetadataKeepsEachInOrder
     releaseEverythingAndCheck({&a, &b, &out[0], &out[1]});
 }
 
-
 TEST_F(ResultsTest, MetadataThatCannotBeLockedIsFatal) {
     track(1, {}, {kHalMeta});
     EXPECT_DEATH(

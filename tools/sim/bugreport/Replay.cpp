@@ -66,6 +66,9 @@ std::string rateText(double rate) {
 // `inFlight`: frames whose buffers are out at once in the replay.
 std::vector<StreamFigures> recordedFigures(ManagerDump const& d, ReportLog const& log, int64_t inFlight) {
     std::vector<StreamFigures> figures;
+    auto const held = d.heldByProcessing();
+    std::map<std::string, std::set<std::string>> members;  // by pool
+    for (auto const& [stream, pool] : d.poolOf) members[pool].insert(stream);
     for (auto const& img : d.images) {
         StreamFigures f{img.id, img.name, poolOfStream(d, img.id)};
         auto const pool = d.pools.find(f.pool);
@@ -83,17 +86,14 @@ std::vector<StreamFigures> recordedFigures(ManagerDump const& d, ReportLog const
             // it leaves no room for one more kept set: the next selection starves it (ready sets
             // can be given back under pressure; what processing holds cannot). A pool that
             // processing holds in part, with room left, may have starved, or not.
-            auto const held = d.heldByProcessing();
             auto const h = held.find(f.pool);
-            std::set<std::string> members;
-            for (auto const& [stream, p] : d.poolOf)
-                if (p == f.pool) members.insert(stream);
+            size_t const sharing = members[f.pool].size();
             f.recordedStarves = h != held.end() && pool != d.pools.end() &&
-                                h->second + inFlight * static_cast<int64_t>(members.size()) >= pool->second.max;
+                                h->second + inFlight * static_cast<int64_t>(sharing) >= pool->second.max;
             f.recordedKnown = h == held.end() || f.recordedStarves;
             // A shared pool's members take its heaps in request order: the dump shows the pool
             // starving, not which of them waits.
-            f.poolStarves = f.recordedStarves && members.size() > 1;
+            f.poolStarves = f.recordedStarves && sharing > 1;
         }
         figures.push_back(f);
     }
