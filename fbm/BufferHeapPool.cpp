@@ -42,13 +42,16 @@ BufferHeapPool::~BufferHeapPool() {
         LockGuard<Mutex> lk(mCountLock);
         mUpdateCond.notifyAll();
     }
-    std::vector<std::future<int32_t>> futures;
+    std::thread worker;
     {
         LockGuard<Mutex> lk(mSizingLock);
-        futures.swap(mUpdateFutures);
+        worker.swap(mWorker);
     }
-    for (auto& f : futures) f.get();
-    futures.clear();
+    if (worker.joinable()) {
+        // A retired pool's last holder may be its own worker, which ends right after this.
+        if (worker.get_id() == std::this_thread::get_id()) worker.detach();
+        else worker.join();
+    }
     std::list<Slot> available;  // its heaps are let go outside the lock
     std::ostringstream oss;
     size_t inUse = 0;
@@ -87,7 +90,7 @@ int32_t BufferHeapPool::allocateBuffers(char const* streamName, int64_t streamId
             int32_t const target = static_cast<int32_t>(std::min<size_t>(max, cap));
             // A worker already started by a change of the maximum counts the heaps it made:
             // zeroing its count would make it allocate past its target.
-            if (mUpdateFutures.empty()) mAllocatedCount.store(0);
+            if (!mWorker.joinable()) mAllocatedCount.store(0);
             mMinInitBuffer = static_cast<int32_t>(min);
             updateBufferCountLocked(target);
             mInitialized = true;
@@ -115,11 +118,13 @@ inline int32_t BufferHeapPool::getBufferFromPool_l(char const* callerName, HeapP
 
 int32_t BufferHeapPool::releaseToPool(char const* callerName, HeapPtr&& heap) {
     MY_LOGD_IF(mLogLevel >= 1, "[%s]", callerName);
+    HeapPtr freed;  // declared first: let go after the lock
     LockGuard<Mutex> lk(mListLock);
-    return returnBufferToPool_l(callerName, heap);
+    return returnBufferToPool_l(callerName, heap, freed);
 }
 
-inline int32_t BufferHeapPool::returnBufferToPool_l(char const* callerName, HeapPtr& heap) {
+inline int32_t BufferHeapPool::returnBufferToPool_l(char const* callerName, HeapPtr& heap,
+                                                    HeapPtr& freed) {
     auto it = mInUseBuf.begin();
     for (; it != mInUseBuf.end(); ++it) {
         if (it->address == heap.get()) break;
@@ -128,6 +133,12 @@ inline int32_t BufferHeapPool::returnBufferToPool_l(char const* callerName, Heap
         MY_LOGE("[%s] fail to return buffer. available(#%zu) inUse(#%zu) buffer(%p)", callerName,
                 mAvailableBuf.size(), mInUseBuf.size(), heap.get());
         return -EINVAL;
+    }
+    if (mRetired.load(std::memory_order_relaxed)) {
+        freed = std::move(heap);
+        mInUseBuf.erase(it);
+        --mAllocatedCount;
+        return 0;
     }
     it->heap = std::move(heap);  // given back: only a refused heap stays with the caller
     mAvailableBuf.splice(mAvailableBuf.end(), mInUseBuf, it);
@@ -175,8 +186,18 @@ int32_t BufferHeapPool::updateBufferCountLocked(int32_t count) {
         mTargetMaxBuffer = count;
         mTargetSeq.fetch_add(1);
     }
-    if (mUpdateFutures.empty()) {
-        mUpdateFutures.push_back(std::async(std::launch::async, [this]() { return workerLoop(); }));
+    if (mRetired) return 0;  // its worker has ended or is ending: it makes nothing more
+    if (!mWorker.joinable()) {
+        mWorker = std::thread([this] {
+            workerLoop();
+            std::shared_ptr<BufferHeapPool> hold;
+            {
+                LockGuard<Mutex> lk(mCountLock);
+                hold = std::move(mWorkerHold);
+            }
+            // `hold` may be the pool's last handle: it then ends here, and nothing of it is
+            // touched after.
+        });
     } else {
         MY_LOGD_AS("updateBufferCount", "notify existed updateBufferCount thread: pool(%s)",
                    mPoolName.c_str());
@@ -192,7 +213,7 @@ int32_t BufferHeapPool::updateBufferCountLocked(int32_t count) {
 // freed oldest first. Its waits are single waits without a predicate loop: each is skipped when
 // what it waits for has already happened (tested under the lock the notifier takes), and any
 // other wake-up just runs one more pass, which re-reads the target.
-int32_t BufferHeapPool::workerLoop() {
+void BufferHeapPool::workerLoop() {
     char const* const fn = "operator()";
     MY_LOGD_AS(fn, "updateBufferCount thread + : pool(%s)", mPoolName.c_str());
     ::prctl(PR_SET_NAME, "updateBufferCount", 0, 0, 0);
@@ -206,7 +227,7 @@ int32_t BufferHeapPool::workerLoop() {
         return mTargetMaxBuffer;
     };
     int32_t target = readTarget();
-    while (!mExit) {
+    while (!ending()) {
         MY_LOGD_IF_AS(mLogLevel >= 1, fn, "updateBufferCount: current max(%d) target(%d)",
                       mAllocatedCount.load(), target);
         if (mAllocatedCount < target) {
@@ -215,6 +236,7 @@ int32_t BufferHeapPool::workerLoop() {
                 backOff = std::chrono::milliseconds(0);
                 nivo::IImageBufferHeap const* const address = heap.get();
                 LockGuard<Mutex> lk(mListLock);
+                if (mRetired) continue;  // made too late: let go, and the loop ends
                 mAvailableBuf.push_back({std::move(heap), address});
                 // Announced before the lock goes: a request that took this heap and waits for
                 // another must not be woken by this one's late news.
@@ -225,7 +247,7 @@ int32_t BufferHeapPool::workerLoop() {
                 backOff = std::clamp(backOff * 2, kAllocRetryFirst, kAllocRetryLast);
                 {
                     LockGuard<Mutex> lk(mCountLock);
-                    if (!mExit) mUpdateCond.waitFor(mCountLock, backOff);  // exit ends it at once
+                    if (!ending()) mUpdateCond.waitFor(mCountLock, backOff);  // exit ends it at once
                 }
                 target = readTarget();
                 continue;
@@ -235,7 +257,7 @@ int32_t BufferHeapPool::workerLoop() {
             {
                 LockGuard<Mutex> lk(mListLock);
                 // Also woken by a new target (tested here under the lock it is signalled with).
-                if (mAvailableBuf.empty() && !mExit && mTargetSeq.load() == targetSeq) {
+                if (mAvailableBuf.empty() && !ending() && mTargetSeq.load() == targetSeq) {
                     mAvailableCond.wait(mListLock);
                 }
             }
@@ -256,13 +278,34 @@ int32_t BufferHeapPool::workerLoop() {
             MY_LOGD_AS(fn, "updateBufferCount: [%s] done (%d)", mPoolName.c_str(), target);
             LockGuard<Mutex> lk(mCountLock);
             MY_LOGD_AS(fn, "wait +");
-            if (mTargetMaxBuffer == target && !mExit) mUpdateCond.wait(mCountLock);
+            if (mTargetMaxBuffer == target && !ending()) mUpdateCond.wait(mCountLock);
             MY_LOGD_AS(fn, "wait -");
         }
         target = readTarget();
     }
     MY_LOGD_AS(fn, "updateBufferCount thread - : pool(%s)", mPoolName.c_str());
-    return 0;
+}
+
+void BufferHeapPool::retire() {
+    LockGuard<Mutex> sizing(mSizingLock);
+    if (mRetired) return;
+    {
+        // A worker inside the allocator must not be joined by whoever drops the pool last: it
+        // holds the pool until it ends (nothing to hold for a pool no shared handle owns).
+        LockGuard<Mutex> lk(mCountLock);
+        mRetired = true;
+        if (mWorker.joinable()) mWorkerHold = weak_from_this().lock();
+        mUpdateCond.notifyAll();
+    }
+    std::list<Slot> idle;  // freed outside the lock
+    {
+        LockGuard<Mutex> lk(mListLock);
+        idle.swap(mAvailableBuf);
+        mAllocatedCount -= static_cast<int32_t>(idle.size());
+        mAvailableCond.notifyAll();
+    }
+    MY_LOGD("[%s] retired: freed(#%zu) inUse(#%d)", mPoolName.c_str(), idle.size(),
+            mAllocatedCount.load());
 }
 
 int32_t BufferHeapPool::updateMaxBuffer(int32_t& newMax) {
@@ -344,7 +387,7 @@ void BufferHeapPool::dumpPool() const {
     int32_t minInit;
     {
         LockGuard<Mutex> lk(mSizingLock);  // another member's first sizing may be writing them
-        futures = mUpdateFutures.size();
+        futures = mWorker.joinable() ? 1 : 0;
         minInit = mMinInitBuffer;
     }
     std::ostringstream oss;

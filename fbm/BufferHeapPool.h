@@ -17,12 +17,18 @@
 // Ownership: an available heap is held by the pool; an acquired one by the caller, its handle
 // moved out (the in-use list keeps only its address, for the dump and to know it when it comes
 // back); releaseToPool moves it in again.
+//
+// Retirement: a pool whose streams a new configuration replaced is retired: its worker makes no
+// more heaps and ends, its idle heaps are freed, and a heap that comes back is freed at once. A
+// retired worker that is still inside the allocator holds the pool (when a shared handle owns
+// it) until it ends, so the last buffer let go on a frame thread never joins it: the pool then
+// ends on the worker's own thread.
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <future>
+#include <thread>
 #include <list>
 #include <memory>
 #include <string>
@@ -36,12 +42,13 @@ namespace NSCam::v3::pipeline {
 // Makes one heap; an empty handle means the allocation failed.
 using HeapAllocator = std::function<std::shared_ptr<nivo::IImageBufferHeap>()>;
 
-class BufferHeapPool {
+class BufferHeapPool : public std::enable_shared_from_this<BufferHeapPool> {
 public:
     using HeapPtr = std::shared_ptr<nivo::IImageBufferHeap>;
 
     BufferHeapPool(std::string name, HeapAllocator& allocator);
-    // Stops the worker (waits for it), then releases every heap.
+    // Stops the worker (waits for it, unless this is the worker's own thread), then releases
+    // every heap.
     ~BufferHeapPool();
     BufferHeapPool(BufferHeapPool const&) = delete;
     BufferHeapPool& operator=(BufferHeapPool const&) = delete;
@@ -59,6 +66,8 @@ public:
     int32_t updateMaxBuffer(int32_t& newMax) EXCLUDES(mSizingLock, mCountLock);
     int32_t getMaxBuffer(int32_t& out) const EXCLUDES(mCountLock);
     int32_t getAllocatedBuffer(int32_t& out) const;
+    // No more heaps: see Retirement above. Never waits for the worker. Effective once.
+    void retire() EXCLUDES(mSizingLock, mListLock, mCountLock);
     // A lowered maximum is pending: the available heaps are about to be freed. Asked before every
     // acquire: the usual answer, no, takes no lock.
     bool isPoolWaitForRelease() const EXCLUDES(mCountLock) {
@@ -87,10 +96,14 @@ private:
         nivo::IImageBufferHeap const* address;
     };
     int32_t getBufferFromPool_l(char const* callerName, HeapPtr& out) REQUIRES(mListLock);
-    int32_t returnBufferToPool_l(char const* callerName, HeapPtr& heap) REQUIRES(mListLock);
+    // A retired pool's heap is moved to `freed`, for the caller to let go after the lock.
+    int32_t returnBufferToPool_l(char const* callerName, HeapPtr& heap, HeapPtr& freed)
+        REQUIRES(mListLock);
     bool isPoolWaitForReleaseLocked() const EXCLUDES(mCountLock);  // takes it
     int32_t updateBufferCountLocked(int32_t count) REQUIRES(mSizingLock) EXCLUDES(mCountLock);
-    int32_t workerLoop();
+    void workerLoop();
+    // The worker ends at destruction or retirement.
+    bool ending() const { return mExit.load() || mRetired.load(); }
     // A heap was put on mAvailableBuf: wakes whoever waits for one (no pool lock needed).
     void heapAvailable() EXCLUDES(mHeapWaitLock);
 
@@ -103,7 +116,11 @@ private:
     std::list<Slot> mInUseBuf GUARDED_BY(mListLock);      // in acquisition order
     bool mInitialized GUARDED_BY(mSizingLock) = false;
     std::atomic<bool> mExit{false};
-    std::atomic<int32_t> mAllocatedCount{0};  // available + in use; changed by the worker only
+    // Set under mListLock (returned heaps are then freed) and mCountLock (the worker's waits).
+    std::atomic<bool> mRetired{false};
+    // available + in use; raised by the worker only, lowered by the worker, or by whoever frees a
+    // heap of a retired pool
+    std::atomic<int32_t> mAllocatedCount{0};
     int32_t mMinInitBuffer GUARDED_BY(mSizingLock) = 0;
     int32_t mTargetMaxBuffer GUARDED_BY(mCountLock) = 0;
     int32_t mNeedDecreaseMaxBuffer GUARDED_BY(mCountLock) = 0;
@@ -113,8 +130,11 @@ private:
     // Whether a decrease is pending, written with mNeedDecreaseMaxBuffer: the acquire path asks
     // on every buffer and need not take mCountLock for the usual answer, no.
     std::atomic<bool> mDecreasePending{false};
-    // The worker's future: at most one, launched by the first updateBufferCount of any producer.
-    std::vector<std::future<int32_t>> mUpdateFutures GUARDED_BY(mSizingLock);
+    // The worker: at most one, launched by the first updateBufferCount of any producer. A thread
+    // rather than an asynchronous task, so that a retired pool may end on it (detached then).
+    std::thread mWorker GUARDED_BY(mSizingLock);
+    // Held by a retired pool's running worker, dropped as its last act (guarded by mCountLock).
+    std::shared_ptr<BufferHeapPool> mWorkerHold GUARDED_BY(mCountLock);
     Condition mAvailableCond;  // a heap came back to mAvailableBuf; with mListLock
     mutable Mutex mCountLock;
     Condition mUpdateCond;  // the target changed, or exit; with mCountLock

@@ -125,11 +125,6 @@ std::shared_ptr<BufferHeapPool> BufferProducer::groupHeapPool(HeapAllocator& all
     return mHeapPool;
 }
 
-void BufferProducer::setMinInitBufferCount(size_t count) {
-    LockGuard<Mutex> lk(mMapLock);
-    mMinInitBufferCount = count;
-}
-
 int32_t BufferProducer::setMaxBufferCount(int32_t& count) {
     auto pool = heapPool();
     LockGuard<Mutex> lk(mMapLock);

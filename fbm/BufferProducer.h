@@ -67,7 +67,6 @@ public:
     // Sizes the pool (creating a heap pool with `allocator` if there is none). Effective once.
     int32_t initProducer(size_t max, size_t min, HeapAllocator&& allocator)
         EXCLUDES(mHeapPoolLock, mMapLock);
-    void setMinInitBufferCount(size_t count) EXCLUDES(mMapLock);
     int32_t setMaxBufferCount(int32_t& count) EXCLUDES(mMapLock);
     int32_t getMaxBuffer(int32_t& out) const EXCLUDES(mHeapPoolLock);
     int32_t getAllocatedBuffer(int32_t& out) const EXCLUDES(mHeapPoolLock);
@@ -80,13 +79,14 @@ public:
     void clear() EXCLUDES(mHeapPoolLock, mMapLock);
     std::string toString() const;
     void dump() const EXCLUDES(mHeapPoolLock, mMapLock);
+    // Empty until the pool is first sized (a deferred stream's until its trigger).
+    std::shared_ptr<BufferHeapPool> heapPool() const EXCLUDES(mHeapPoolLock);
 
 private:
     int32_t allocatePoolBuffersLocked(HeapAllocator& allocator) REQUIRES(mHeapPoolLock);
     // The heap pool of the group this producer comes first in, made with `allocator` if there is
     // none yet (a deferred group's first trigger).
     std::shared_ptr<BufferHeapPool> groupHeapPool(HeapAllocator& allocator) EXCLUDES(mHeapPoolLock);
-    std::shared_ptr<BufferHeapPool> heapPool() const EXCLUDES(mHeapPoolLock);
     // Gives a heap nobody uses any more back to the heap pool (which wakes its waiters).
     int32_t returnHeapToPool(HeapPtr&& heap);
     void setHeapPoolLocked(std::shared_ptr<BufferHeapPool> pool) REQUIRES(mHeapPoolLock);

@@ -110,7 +110,6 @@ public:
     struct ConfigMetaStream {
         std::shared_ptr<IMetaStreamInfo> info;
         StreamAttribute attribute = eHAL_META;
-        uint32_t reserved = 0;  // not set by configuration
     };
     // One group of image streams configured together (one allocation when they share a pool).
     struct AddImageStreams {
@@ -127,6 +126,7 @@ public:
         int64_t timestamp = 0;  // the first positive timestamp a result brought; 0 until then
         std::vector<std::shared_ptr<IImageStreamBuffer>> halImage;  // kept so far
         std::vector<StreamId_T> halImageIds;  // their streams, for the ready list's counters
+        std::vector<StreamId_T> received;     // tracked streams returned so far, one each
         std::vector<std::shared_ptr<IMetaStreamBuffer>> halMeta;
         std::vector<std::shared_ptr<IMetaStreamBuffer>> appMeta;
         std::shared_ptr<TrackFrameResultParams const> trackParams;
@@ -177,7 +177,7 @@ public:
     std::string debuggeeName() const override;
     void debug(IPrinter* printer, std::vector<std::string> const& options) override;
 
-    // The streams of one pool: its sharing group, or the stream alone. A view of the configured
+    // The streams of one heap pool: those that share it, or the stream alone. A view of the pool
     // groups (it keeps them alive), so that asking for it allocates nothing.
     class PoolStreams {
     public:
@@ -189,7 +189,6 @@ public:
             return info && contains(info->streamId());
         }
         size_t size() const { return mGroup ? mGroup->size() : 1; }
-        StreamId_T first() const { return mGroup ? *mGroup->begin() : mSingle; }
         template <class F>
         void forEach(F&& f) const {
             if (!mGroup) return f(mSingle);
@@ -205,11 +204,11 @@ public:
     // Configuration
     std::shared_ptr<ConfigImageStream> queryConfigImageStream(StreamId_T streamId) const
         EXCLUDES(mConfigLock);
-    // The streams that share the pool of `streamId` (itself included), ascending.
+    // The streams that share the heap pool of `streamId` (itself included), ascending.
     std::set<StreamId_T> getPoolStreams(StreamId_T streamId) const;
-    // The configured sharing groups (may be empty), copied under mConfigLock: a configuration
-    // may replace them at any time.
-    std::shared_ptr<std::vector<std::set<StreamId_T>>> sharedGroups() const EXCLUDES(mConfigLock);
+    // The streams of each heap pool made for more than one stream (may be empty), copied under
+    // mConfigLock: a configuration may replace them at any time.
+    std::shared_ptr<std::vector<std::set<StreamId_T>>> poolGroups() const EXCLUDES(mConfigLock);
     // The first of getPoolStreams(streamId), without making the set: the key of the ready
     // counters, looked up for every kept image (in `groups`, taken once for all of them).
     static StreamId_T poolKeyOf(std::vector<std::set<StreamId_T>> const* groups, StreamId_T streamId);
@@ -223,12 +222,8 @@ public:
     // Keeping buffers: a second image buffer over the same heap, a private copy of metadata.
     void addSharedImage(std::shared_ptr<IImageStreamBuffer>&& buffer,
                         std::vector<std::shared_ptr<IImageStreamBuffer>>& out);
-    void addSharedImages(std::vector<std::shared_ptr<IImageStreamBuffer>> const& in,
-                         std::vector<std::shared_ptr<IImageStreamBuffer>>& out);
     void addCopiedMeta(std::shared_ptr<IMetaStreamBuffer>&& buffer,
                        std::vector<std::shared_ptr<IMetaStreamBuffer>>& out);
-    void addCopiedMetas(std::vector<std::shared_ptr<IMetaStreamBuffer>> const& in,
-                        std::vector<std::shared_ptr<IMetaStreamBuffer>>& out);
     // The same, for a buffer whose stream the caller has already asked for (a buffer's stream
     // info is a call, a lock and a handle copy of the platform's). True when one was kept.
     bool addSharedImage(StreamId_T streamId, std::shared_ptr<IImageStreamBuffer>&& buffer,
@@ -251,6 +246,49 @@ public:
     void dumpBufferPools(IPrinter& printer) EXCLUDES(mConfigLock);
 
 protected:
+    // Where a request's buffer comes from, by the stream's attribute and the request's layout.
+    struct RequestSource {
+        enum Kind { Pool, Runtime, HalProvider, AppProvider } kind;
+        char const* label;  // of trace markers
+    };
+    // False (with its line) for an attribute no source serves.
+    bool chooseRequestSource(ConfigImageStream const& config, RequestStreamBuffer const& request,
+                             RequestSource& source) const;
+    int takeFromPool(ConfigImageStream const& config, RequestStreamBuffer const& request,
+                     std::shared_ptr<IImageStreamBuffer>& buffer) const;
+    int requestFromProvider(ConfigImageStream const& config, RequestStreamBuffer const& request,
+                            bool halProvider, ImageStreamBufferCallback&& callback,
+                            std::shared_ptr<IImageStreamBuffer>& buffer) const;
+
+    // The debug line of one result, built only when it is written.
+    class ResultLine;
+    // Keeps the result's tracked buffers in its frame's set; returns the set's node when the
+    // frame is complete (empty otherwise).
+    std::list<InFlightBufferSet> keepTrackedBuffers(ReturnResult const& result, ResultLine& line)
+        EXCLUDES(mInFlightLock, mConfigLock);
+    void keepTrackedImages(std::vector<std::shared_ptr<IImageStreamBuffer>>& list,
+                           InFlightBufferSet& set, ResultLine& line) REQUIRES(mInFlightLock);
+    void keepTrackedMetas(std::vector<std::shared_ptr<IMetaStreamBuffer>>* list,
+                          std::set<StreamId_T> const& tracked, InFlightBufferSet& set,
+                          std::vector<std::shared_ptr<IMetaStreamBuffer>>& out, ResultLine& line)
+        REQUIRES(mInFlightLock);
+    // False (with its line) when the set already received a buffer of the stream.
+    bool receiveOnce(InFlightBufferSet& set, StreamId_T streamId, char const* kind)
+        REQUIRES(mInFlightLock);
+    void releaseUntracked(ReturnResult const& result, ResultLine& line);
+    // A complete frame: released when it has no timestamp, otherwise onto the ready list.
+    void completeFrame(std::list<InFlightBufferSet>& done, ResultLine& line)
+        EXCLUDES(mReadyLock, mInFlightLock, mConfigLock);
+
+    // The ready list's tie-breaks: a completed frame goes in front of sets with its timestamp,
+    // a set a selector gives back goes behind them.
+    enum class ReadyTie { InFrontOfEqual, BehindEqual };
+    // A new set (spare when there is one) on the ready list at the place of `timestamp`.
+    std::list<HistoryBufferSet>::iterator insertReadyLocked(int64_t timestamp, ReadyTie tie)
+        REQUIRES(mReadyLock);
+    // Takes a selector's set back onto the ready list; false when its frame is already there.
+    bool keepReturnedSet(HistoryBufferSet& set) EXCLUDES(mReadyLock, mConfigLock);
+
     void increaseReadyCounters(HistoryBufferSet const& set, int delta) REQUIRES(mReadyLock)
         EXCLUDES(mConfigLock);
     // Moves the oldest recyclable set holding an image of the pool to the back of `out` (the
@@ -273,6 +311,19 @@ protected:
         std::shared_ptr<IImageStreamInfo> const& allocInfo,
         std::shared_ptr<BufferProducer> const& sharedProducer);
     BufferProducer::ReleaseCallback makeReleaseCallback() const;
+    int addProviderStreams(AddImageStreams const& group,
+                           std::vector<std::shared_ptr<ConfigImageStream>>& replaced);
+    int addPoolStreams(AddImageStreams const& group,
+                       std::vector<std::shared_ptr<ConfigImageStream>>& replaced);
+    // Stores a configured image stream; a record it replaces goes to `replaced`.
+    void storeImageStream(std::shared_ptr<ConfigImageStream> record,
+                          std::vector<std::shared_ptr<ConfigImageStream>>& replaced)
+        EXCLUDES(mConfigLock);
+    // Retires the heap pools of replaced records that no configured stream draws from any more.
+    void retireReplacedPools(std::vector<std::shared_ptr<ConfigImageStream>>& replaced)
+        EXCLUDES(mConfigLock);
+    // Whether a POOL stream's info can ever give a buffer (with its error line when not).
+    bool canServe(IImageStreamInfo const& info) const;
 
     // Members, in this order (destroyed in reverse: sets first, their buffers given back by the
     // destructor, then the configuration records and with them the producers).
@@ -281,8 +332,11 @@ protected:
     int32_t mLogLevel;
     std::shared_ptr<NSCam::IDebuggeeCookie> mDebuggeeCookie;
     mutable Mutex mConfigLock;
-    // Replaced whole by a configuration; readers copy the handle (sharedGroups).
+    // The configured sharing groups, as given (for the dump); replaced whole by a configuration.
     std::shared_ptr<std::vector<std::set<StreamId_T>>> mSharedStreamGroups GUARDED_BY(mConfigLock);
+    // The streams of each heap pool made for more than one stream: a configured group whose
+    // members could not share is not one. Rebuilt whole at every change; readers copy the handle.
+    std::shared_ptr<std::vector<std::set<StreamId_T>>> mPoolGroups GUARDED_BY(mConfigLock);
     std::map<StreamId_T, std::shared_ptr<ConfigImageStream>> mConfigImageStreams GUARDED_BY(mConfigLock);
     std::map<StreamId_T, std::shared_ptr<ConfigMetaStream>> mConfigMetaStreams GUARDED_BY(mConfigLock);
     std::shared_ptr<IPrinter> mConfigPrinter GUARDED_BY(mConfigLock);
@@ -296,6 +350,8 @@ protected:
     std::map<StreamId_T, int32_t> mReadyStreamCounters GUARDED_BY(mReadyLock);
     int32_t mAcquireTimeoutMs;
     TimedMutex mInSelectLock;
+    // The frames the running selection took, for the line of a selection that waits for it.
+    std::vector<uint32_t> mSelectedFrames GUARDED_BY(mReadyLock);
     // The own info of every stream a pool was attempted for; grows with every configuration.
     std::vector<std::shared_ptr<IImageStreamInfo>> mPoolStreamInfos GUARDED_BY(mConfigLock);
     // Sets done with, kept as list nodes whose vectors keep their capacity: a steady frame flow

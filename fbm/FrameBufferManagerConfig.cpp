@@ -72,8 +72,7 @@ private:
 void FrameBufferManagerImpl::beginConfigure() {
     LockGuard<Mutex> lk(mConfigLock);
     // Lines of earlier configurations stay, deliberately, and are dumped together.
-    mConfigPrinter = makeConfigPrinter();
-    if (!mConfigPrinter) MY_FATAL("Failed on std::make_shared<MyPrinter>");
+    mConfigPrinter = makeConfigPrinter();  // std::make_shared throws rather than give nothing
 }
 
 int FrameBufferManagerImpl::endConfigure() {
@@ -126,13 +125,13 @@ FrameBufferManagerImpl::PoolStreams::PoolStreams(
     }
 }
 
-std::shared_ptr<std::vector<std::set<StreamId_T>>> FrameBufferManagerImpl::sharedGroups() const {
+std::shared_ptr<std::vector<std::set<StreamId_T>>> FrameBufferManagerImpl::poolGroups() const {
     LockGuard<Mutex> lk(mConfigLock);
-    return mSharedStreamGroups;
+    return mPoolGroups;
 }
 
 FrameBufferManagerImpl::PoolStreams FrameBufferManagerImpl::poolStreamsOf(StreamId_T streamId) const {
-    return PoolStreams(sharedGroups(), streamId);
+    return PoolStreams(poolGroups(), streamId);
 }
 
 std::set<StreamId_T> FrameBufferManagerImpl::getPoolStreams(StreamId_T streamId) const {
@@ -145,9 +144,48 @@ StreamId_T FrameBufferManagerImpl::poolKeyOf(std::vector<std::set<StreamId_T>> c
                                              StreamId_T streamId) {
     if (groups == nullptr) return streamId;
     for (auto const& group : *groups) {
-        if (group.count(streamId) != 0) return *group.begin();  // the first group wins
+        if (group.count(streamId) != 0) return *group.begin();
     }
     return streamId;
+}
+
+void FrameBufferManagerImpl::storeImageStream(std::shared_ptr<ConfigImageStream> record,
+                                              std::vector<std::shared_ptr<ConfigImageStream>>& replaced) {
+    StreamId_T const id = record->info->streamId();
+    LockGuard<Mutex> lk(mConfigLock);
+    auto& slot = mConfigImageStreams[id];
+    if (slot) replaced.push_back(std::move(slot));
+    slot = std::move(record);
+    // The members of a shared pool are the streams whose pool allocates from its one derived info.
+    std::map<IImageStreamInfo const*, std::set<StreamId_T>> byAllocInfo;
+    for (auto const& [streamId, c] : mConfigImageStreams) {
+        if (c->pPool && c->allocInfo) byAllocInfo[c->allocInfo.get()].insert(streamId);
+    }
+    auto groups = std::make_shared<std::vector<std::set<StreamId_T>>>();
+    for (auto& [info, ids] : byAllocInfo) {
+        if (ids.size() >= 2) groups->push_back(std::move(ids));
+    }
+    mPoolGroups = std::move(groups);
+}
+
+void FrameBufferManagerImpl::retireReplacedPools(std::vector<std::shared_ptr<ConfigImageStream>>& replaced) {
+    if (replaced.empty()) return;
+    std::map<StreamId_T, std::shared_ptr<ConfigImageStream>> configured;
+    {
+        LockGuard<Mutex> lk(mConfigLock);
+        configured = mConfigImageStreams;
+    }
+    // A pool-shared group's heap pool lives on while any configured stream draws from it.
+    std::set<BufferHeapPool const*> inUse;
+    for (auto const& [id, c] : configured) {
+        if (c->pPool) inUse.insert(c->pPool->heapPool().get());
+    }
+    for (auto const& old : replaced) {
+        if (!old->pPool) continue;
+        auto pool = old->pPool->heapPool();
+        if (pool && inUse.count(pool.get()) == 0) pool->retire();
+    }
+    replaced.clear();  // the records go; producers with buffers out live on in those buffers
 }
 
 // =================================================================================================
@@ -213,6 +251,14 @@ int FrameBufferManagerImpl::configureImageStreams(
     ScopedTrace trace("configureImageStreams");
     char const* const fn = "configureImageStreams";
     std::list<AddImageStream> rest(streams.begin(), streams.end());
+    std::set<StreamId_T> ids;
+    for (auto const& s : streams) {
+        if (s.info && !ids.insert(s.info->streamId()).second) {
+            configPrinter()->printFormatLine("WARNING [%s] two image streams with streamId:%s: the "
+                                             "last configured is kept",
+                                             fn, toHexString(s.info->streamId()).c_str());
+        }
+    }
     if (sharedGroups != nullptr) {
         auto printer = configPrinter();
         for (auto const& ids : *sharedGroups) {
@@ -264,26 +310,43 @@ int FrameBufferManagerImpl::configureImageStreams(
 
 int FrameBufferManagerImpl::addImageStreams(AddImageStreams const& group) {
     ScopedTrace trace("addImageStreams");
-    if (bufferSourceOf(group.attribute) == eBUFFER_SOURCE_PROVIDER) {
-        for (auto const& info : group.infos) {
-            if (!group.provider) {
-                MY_LOGE("[%s] Bad provider", info->describe().c_str());
-                return -EINVAL;
-            }
-            auto record = std::make_shared<ConfigImageStream>();
-            record->info = info;
-            record->attribute = group.attribute;
-            record->provider = group.provider;
-            LockGuard<Mutex> lk(mConfigLock);
-            mConfigImageStreams[info->streamId()] = std::move(record);
-        }
-        return 0;
-    }
-    if (group.infos.empty()) {
-        MY_LOGW("empty stream info");
-        return 0;
-    }
+    std::vector<std::shared_ptr<ConfigImageStream>> replaced;  // their pools retire at the end
+    int const err = bufferSourceOf(group.attribute) == eBUFFER_SOURCE_PROVIDER
+                        ? addProviderStreams(group, replaced)
+                        : addPoolStreams(group, replaced);
+    retireReplacedPools(replaced);
+    return err;
+}
 
+int FrameBufferManagerImpl::addProviderStreams(AddImageStreams const& group,
+                                               std::vector<std::shared_ptr<ConfigImageStream>>& replaced) {
+    char const* const fn = "addImageStreams";
+    for (auto const& info : group.infos) {
+        if (!group.provider) {
+            MY_LOGE_AS(fn, "[%s] Bad provider", info->describe().c_str());
+            return -EINVAL;
+        }
+        auto record = std::make_shared<ConfigImageStream>();
+        record->info = info;
+        record->attribute = group.attribute;
+        record->provider = group.provider;
+        storeImageStream(std::move(record), replaced);
+    }
+    return 0;
+}
+
+int FrameBufferManagerImpl::addPoolStreams(AddImageStreams const& group,
+                                           std::vector<std::shared_ptr<ConfigImageStream>>& replaced) {
+    char const* const fn = "addImageStreams";
+    if (group.infos.empty()) {
+        MY_LOGW_AS(fn, "empty stream info");
+        return 0;
+    }
+    if (bufferSourceOf(group.attribute) == eBUFFER_SOURCE_POOL) {
+        for (auto const& info : group.infos) {
+            if (info && !canServe(*info)) return -EINVAL;
+        }
+    }
     std::shared_ptr<IImageStreamInfo> derived;
     {
         auto printer = configPrinter();
@@ -298,7 +361,7 @@ int FrameBufferManagerImpl::addImageStreams(AddImageStreams const& group) {
             mPoolStreamInfos.push_back(info);
         }
         if (!producer) {
-            MY_LOGE("[%s] Failed on createHalStreamBufferPool", info->describe().c_str());
+            MY_LOGE_AS(fn, "[%s] Failed on createHalStreamBufferPool", info->describe().c_str());
             return -EINVAL;
         }
         if (!sharedProducer && derived) sharedProducer = producer;
@@ -307,10 +370,18 @@ int FrameBufferManagerImpl::addImageStreams(AddImageStreams const& group) {
         record->allocInfo = allocInfo;
         record->attribute = group.attribute;
         record->pPool = std::move(producer);
-        LockGuard<Mutex> lk(mConfigLock);
-        mConfigImageStreams[info->streamId()] = std::move(record);
+        storeImageStream(std::move(record), replaced);
     }
     return 0;
+}
+
+bool FrameBufferManagerImpl::canServe(IImageStreamInfo const& info) const {
+    MSize const size = info.imageSize();
+    if (info.maxBufNum() != 0 && size.w > 0 && size.h > 0) return true;
+    // Its requests would wait out every time-out for a heap that is never made.
+    MY_LOGE_AS("addImageStreams", "[%s] a POOL stream that can never serve: maxBufNum(%zu) size(%dx%d)",
+               info.describe().c_str(), info.maxBufNum(), size.w, size.h);
+    return false;
 }
 
 std::shared_ptr<IImageStreamInfo> FrameBufferManagerImpl::evaluateSharedAllocStreamInfo(
@@ -390,11 +461,6 @@ std::shared_ptr<BufferProducer> FrameBufferManagerImpl::createHalStreamBufferPoo
     std::shared_ptr<BufferProducer> const& sharedProducer) {
     auto producer = std::make_shared<BufferProducer>(allocInfo->streamName(), info,
                                                      makeReleaseCallback(), sharedProducer);
-    if (!producer) {
-        MY_LOGE("[P\"%s\" A\"%s\"] Failed to create a pool", info->describe().c_str(),
-                allocInfo->describe().c_str());
-        return nullptr;
-    }
     if (allocInfo->isAllocDeferred()) return producer;  // initialised by triggerBufferPool
     int const err = producer->initProducer(allocInfo->maxBufNum(), allocInfo->minInitBufNum(),
                                            Allocator{allocInfo, generateImgParam(allocInfo.get())});

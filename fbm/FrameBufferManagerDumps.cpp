@@ -20,7 +20,10 @@ template <class Vec>
 std::string toString_BuffersStreamId(Vec const& buffers) {
     std::ostringstream oss;
     oss << std::hex << std::showbase;
-    for (auto const& b : buffers) oss << " (" << b->streamInfoOf()->streamId() << ") ";
+    for (auto const& b : buffers) {
+        auto info = b ? b->streamInfoOf() : nullptr;  // a dump must not fall over a broken set
+        if (info) oss << " (" << info->streamId() << ") ";
+    }
     return oss.str();
 }
 
@@ -192,6 +195,10 @@ int FrameBufferManagerImpl::triggerBufferPool(StreamId_T streamId) {
 }
 
 int FrameBufferManagerImpl::updateBufferPoolMaxBufCount(StreamId_T streamId, int& count) {
+    if (count < 0) {  // 0 is a pool emptied on purpose; below it nothing means anything
+        MY_LOGE("stream(%#lx) bad maxBufCount = %d", static_cast<long>(streamId), count);
+        return -EINVAL;
+    }
     auto config = queryConfigImageStream(streamId);
     if (!config || !config->allocInfo || !config->pPool) return 0;
     int32_t current = 0;

@@ -26,6 +26,8 @@ struct ProviderAnswer {
     bool returned = false;                       // requestStreamBuffer has taken its result
 };
 
+constexpr char kRequestFn[] = "requestStreamBuffer";  // the name in the lines of its steps
+
 bool sameLayout(IImageStreamInfo const& a, IImageStreamInfo const& b) {
     if (a.imageFormat() != b.imageFormat()) return false;
     BufPlanes const& pa = a.planeLayout();
@@ -41,6 +43,17 @@ bool sameLayout(IImageStreamInfo const& a, IImageStreamInfo const& b) {
     return true;
 }
 
+// A marker of the source used, named after the request when its stream has a name.
+void traceRequest(char const* label, IPipelineFrameStreamBufferProvider::RequestStreamBuffer const& request) {
+    char const* name = request.pStreamInfo->streamName();
+    std::string marker = label;
+    if (name != nullptr && name[0] != '\0') {
+        marker += std::string(" requestStreamBuffer ") + name + "|request:" +
+                  std::to_string(request.requestNo) + " frame:" + std::to_string(request.frameNo);
+    }
+    NSCam::Utils::traceMarker(marker.c_str());
+}
+
 }  // namespace
 
 // =================================================================================================
@@ -50,133 +63,39 @@ bool sameLayout(IImageStreamInfo const& a, IImageStreamInfo const& b) {
 int FrameBufferManagerImpl::requestStreamBuffer(ImageStreamBufferCallback callback,
                                                 RequestStreamBuffer const& request) {
     auto const& reqInfo = request.pStreamInfo;
-    if (!reqInfo) {
-        MY_LOGE("[requestNo:%u frameNo:%u] no stream info", request.requestNo, request.frameNo);
+    if (!callback || !reqInfo) {  // before anything is taken: nothing to hand it to, or no stream
+        MY_LOGE("[requestNo:%u frameNo:%u] %s", request.requestNo, request.frameNo,
+                callback ? "no stream info" : "empty callback");
         return -EINVAL;
     }
     auto config = queryConfigImageStream(reqInfo->streamId());
     if (!config) return -EINVAL;
-
-    enum class Source { Pool, Runtime, HalProvider, AppProvider };
-    Source source;
-    char const* label;
-    auto layoutChanged = [&] {
-        return config->info.get() != reqInfo.get() && !sameLayout(*config->info, *reqInfo);
-    };
-    switch (static_cast<uint32_t>(config->attribute)) {
-        case eHAL_IMAGE_POOL:
-            if (layoutChanged()) {
-                MY_LOGD("[requestNo:%u frameNo:%u] POOL -> RUNTIME due to alloc layout change",
-                        request.requestNo, request.frameNo);
-                source = Source::Runtime;
-                label = "POOL -> RUNTIME";
-            } else {
-                source = Source::Pool;
-                label = "POOL";
-            }
-            break;
-        case eHAL_IMAGE_RUNTIME:
-            source = Source::Runtime;
-            label = "RUNTIME";
-            break;
-        case eHAL_IMAGE_PROVIDER:
-            if (layoutChanged()) {
-                MY_LOGD("[requestNo:%u frameNo:%u] PROVIDER -> RUNTIME due to alloc layout change",
-                        request.requestNo, request.frameNo);
-                source = Source::Runtime;
-                label = "PROVIDER -> RUNTIME";
-            } else {
-                source = Source::HalProvider;
-                label = "HAL_IMAGE_PROVIDER";
-            }
-            break;
-        case eAPP_IMAGE_PROVIDER:
-            source = Source::AppProvider;
-            label = "APP_IMAGE_PROVIDER";
-            break;
-        default:
-            MY_LOGE("[requestNo:%u frameNo:%u] Unsupported attribute:%s for %s", request.requestNo,
-                    request.frameNo, toString(config->attribute).c_str(),
-                    config->info->describe().c_str());
-            return -EINVAL;
-    }
-
-    if (NSCam::Utils::cameraTraceOn()) {
-        char const* name = reqInfo->streamName();
-        std::string marker = label;
-        if (name != nullptr && name[0] != '\0') {
-            marker += std::string(" requestStreamBuffer ") + name + "|request:" +
-                      std::to_string(request.requestNo) + " frame:" + std::to_string(request.frameNo);
-        }
-        NSCam::Utils::traceMarker(marker.c_str());
-    }
+    RequestSource source;
+    if (!chooseRequestSource(*config, request, source)) return -EINVAL;
+    if (NSCam::Utils::cameraTraceOn()) traceRequest(source.label, request);
 
     std::shared_ptr<IImageStreamBuffer> buffer;
     int err = 0;
-    switch (source) {
-        case Source::Pool: {
-            auto const& pool = config->pPool;
-            if (!pool) {
-                MY_LOGE("cannot get pConfigImageStream->pPool");
-                err = -ENOMEM;
-                break;
-            }
-            MY_LOGD_IF(mLogLevel >= 2, "[requestNo:%u frameNo:%u] acquireFromPool (%s)",
-                       request.requestNo, request.frameNo, pool->poolName());
-            err = pool->acquireFromPool(pool->poolName(), buffer,
-                                        static_cast<int64_t>(mAcquireTimeoutMs) * 1000000);
+    switch (source.kind) {
+        case RequestSource::Pool:
+            err = takeFromPool(*config, request, buffer);
             callback(buffer);
             break;
-        }
-        case Source::HalProvider:
-        case Source::AppProvider: {
-            if (!config->provider) {
-                err = -EINVAL;
-                break;
-            }
-            // The provider may answer during the call or later, on any thread: the wrapper owns
-            // the caller's callback and shares the answer's slot with this frame. A late answer
-            // (after this call returned) finishes the request itself: it gives a HAL provider's
-            // buffer the request's stream info, as the code below does for a prompt one.
-            auto answer = std::make_shared<ProviderAnswer>();
-            bool const halProvider = source == Source::HalProvider;
-            err = config->provider->requestStreamBuffer(
-                [answer, halProvider, reqInfo, cb = std::move(callback)](
-                    std::shared_ptr<IImageStreamBuffer> const& b) {
-                    {
-                        std::lock_guard<std::mutex> lk(answer->lock);
-                        answer->buffer = b;
-                    }
-                    cb(b);
-                    bool late;
-                    {
-                        std::lock_guard<std::mutex> lk(answer->lock);
-                        answer->answered = true;
-                        late = answer->returned;
-                    }
-                    if (late && halProvider && b && b->streamInfoOf().get() != reqInfo.get()) {
-                        b->setStreamInfo(reqInfo);
-                    }
-                },
-                IStreamBufferProvider::Request{reqInfo, -1, request.requestNo});
-            {
-                std::lock_guard<std::mutex> lk(answer->lock);
-                answer->returned = true;
-                if (answer->answered) buffer = answer->buffer;
-            }
+        case RequestSource::HalProvider:
+        case RequestSource::AppProvider:
+            err = requestFromProvider(*config, request, source.kind == RequestSource::HalProvider,
+                                      std::move(callback), buffer);
             break;
-        }
-        case Source::Runtime:
+        case RequestSource::Runtime:
             err = allocateHalImageStreamBufferRuntime(reqInfo, buffer);
             callback(buffer);
             break;
     }
-
     // A pooled buffer always carries the stream info of the request that took it. One from the
     // pool was made with the stream's own info: when that is the request's, there is nothing to do.
-    bool const ownInfo = source == Source::Pool && reqInfo.get() == config->info.get();
-    if ((source == Source::Pool || source == Source::HalProvider) && buffer && !ownInfo &&
-        buffer->streamInfoOf().get() != reqInfo.get()) {
+    bool const ownInfo = source.kind == RequestSource::Pool && reqInfo.get() == config->info.get();
+    bool const adopt = source.kind == RequestSource::Pool || source.kind == RequestSource::HalProvider;
+    if (adopt && buffer && !ownInfo && buffer->streamInfoOf().get() != reqInfo.get()) {
         buffer->setStreamInfo(reqInfo);
     }
     if (err != 0 || !buffer) {
@@ -184,6 +103,92 @@ int FrameBufferManagerImpl::requestStreamBuffer(ImageStreamBufferCallback callba
                 errText(-err).c_str(),
                 (toString(config->attribute) + config->info->describe()).c_str());
     }
+    return err;
+}
+
+bool FrameBufferManagerImpl::chooseRequestSource(ConfigImageStream const& config,
+                                                 RequestStreamBuffer const& request,
+                                                 RequestSource& source) const {
+    // A stream whose layout changed after configuration is served by an allocation per request,
+    // deliberately: its buffers are then laid out as the request says.
+    auto layoutChanged = [&](char const* from) {
+        auto const& reqInfo = request.pStreamInfo;
+        if (config.info.get() == reqInfo.get() || sameLayout(*config.info, *reqInfo)) return false;
+        MY_LOGD_AS(kRequestFn, "[requestNo:%u frameNo:%u] %s -> RUNTIME due to alloc layout change",
+                   request.requestNo, request.frameNo, from);
+        return true;
+    };
+    switch (static_cast<uint32_t>(config.attribute)) {
+        case eHAL_IMAGE_POOL:
+            source = layoutChanged("POOL") ? RequestSource{RequestSource::Runtime, "POOL -> RUNTIME"}
+                                           : RequestSource{RequestSource::Pool, "POOL"};
+            return true;
+        case eHAL_IMAGE_RUNTIME:
+            source = {RequestSource::Runtime, "RUNTIME"};
+            return true;
+        case eHAL_IMAGE_PROVIDER:
+            source = layoutChanged("PROVIDER")
+                         ? RequestSource{RequestSource::Runtime, "PROVIDER -> RUNTIME"}
+                         : RequestSource{RequestSource::HalProvider, "HAL_IMAGE_PROVIDER"};
+            return true;
+        case eAPP_IMAGE_PROVIDER:  // never switched: the application lays its buffers out
+            source = {RequestSource::AppProvider, "APP_IMAGE_PROVIDER"};
+            return true;
+        default:
+            MY_LOGE_AS(kRequestFn, "[requestNo:%u frameNo:%u] Unsupported attribute:%s for %s",
+                       request.requestNo, request.frameNo, toString(config.attribute).c_str(),
+                       config.info->describe().c_str());
+            return false;
+    }
+}
+
+int FrameBufferManagerImpl::takeFromPool(ConfigImageStream const& config,
+                                         RequestStreamBuffer const& request,
+                                         std::shared_ptr<IImageStreamBuffer>& buffer) const {
+    auto const& pool = config.pPool;
+    if (!pool) {
+        MY_LOGE_AS(kRequestFn, "cannot get pConfigImageStream->pPool");
+        return -ENOMEM;
+    }
+    MY_LOGD_IF_AS(mLogLevel >= 2, kRequestFn, "[requestNo:%u frameNo:%u] acquireFromPool (%s)",
+                  request.requestNo, request.frameNo, pool->poolName());
+    return pool->acquireFromPool(pool->poolName(), buffer,
+                                 static_cast<int64_t>(mAcquireTimeoutMs) * 1000000);
+}
+
+int FrameBufferManagerImpl::requestFromProvider(ConfigImageStream const& config,
+                                                RequestStreamBuffer const& request, bool halProvider,
+                                                ImageStreamBufferCallback&& callback,
+                                                std::shared_ptr<IImageStreamBuffer>& buffer) const {
+    if (!config.provider) return -EINVAL;
+    // The provider may answer during the call or later, on any thread: the wrapper owns the
+    // caller's callback and shares the answer's slot with this frame. A late answer (after this
+    // call returned) finishes the request itself: it gives a HAL provider's buffer the request's
+    // stream info, as requestStreamBuffer does for a prompt one.
+    auto answer = std::make_shared<ProviderAnswer>();
+    auto const& reqInfo = request.pStreamInfo;
+    int const err = config.provider->requestStreamBuffer(
+        [answer, halProvider, reqInfo, cb = std::move(callback)](
+            std::shared_ptr<IImageStreamBuffer> const& b) {
+            {
+                std::lock_guard<std::mutex> lk(answer->lock);
+                answer->buffer = b;
+            }
+            cb(b);
+            bool late;
+            {
+                std::lock_guard<std::mutex> lk(answer->lock);
+                answer->answered = true;
+                late = answer->returned;
+            }
+            if (late && halProvider && b && b->streamInfoOf().get() != reqInfo.get()) {
+                b->setStreamInfo(reqInfo);
+            }
+        },
+        IStreamBufferProvider::Request{reqInfo, -1, request.requestNo});
+    std::lock_guard<std::mutex> lk(answer->lock);
+    answer->returned = true;
+    if (answer->answered) buffer = answer->buffer;
     return err;
 }
 
@@ -234,85 +239,118 @@ int FrameBufferManagerImpl::trackFrameResult(TrackFrameResult const& track) {
     return 0;
 }
 
+// The level-2 line of one result: built only when it will be written, and buffer names are asked
+// for only then.
+class FrameBufferManagerImpl::ResultLine {
+public:
+    ResultLine(bool on, ReturnResult const& result) {
+        if (!on) return;
+        mText = std::make_unique<std::string>();
+        *mText += "[R" + std::to_string(result.requestNo) + " F" + std::to_string(result.frameNo) +
+                  "]TS:" + std::to_string(result.timestamp) + " " +
+                  (result.isFrameDestroyed ? "X" : " ");
+    }
+    // " name(O) " for a kept buffer, " name(X) " for one let go.
+    template <class Buffer>
+    void note(Buffer const& buffer, char const* mark) {
+        if (!mText) return;
+        if (char const* name = buffer->bufferName()) *mText += std::string(" ") + name + mark;
+    }
+    void append(std::string const& text) {
+        if (mText) *mText += text;
+    }
+    void write() const {
+        if (mText) MY_LOGD_AS("returnResult", "%s", mText->c_str());
+    }
+
+private:
+    std::unique_ptr<std::string> mText;
+};
+
 void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
-    // The line is built only when it will be written.
-    std::unique_ptr<std::string> line;
-    if (mLogLevel >= 2) {
-        line = std::make_unique<std::string>();
-        *line += "[R" + std::to_string(result.requestNo) + " F" + std::to_string(result.frameNo) +
-                 "]TS:" + std::to_string(result.timestamp) + " " +
-                 (result.isFrameDestroyed ? "X" : " ");
-    }
-    // Names are asked for only when the line is being built.
-    auto note = [&line](auto const& buffer, char const* mark) {
-        if (!line) return;
-        if (char const* name = buffer->bufferName()) *line += std::string(" ") + name + mark;
-    };
+    ResultLine line(mLogLevel >= 2, result);
+    std::list<InFlightBufferSet> done = keepTrackedBuffers(result, line);
+    releaseUntracked(result, line);
+    if (!done.empty()) completeFrame(done, line);
+    line.write();
+}
 
-    bool complete = false;
-    std::list<InFlightBufferSet> doneNode;  // the completed set, taken out of the list whole
-    {
-        LockGuard<TimedMutex> lk(mInFlightLock);
-        auto it = std::find_if(mInFlightList.begin(), mInFlightList.end(),
-                               [&](InFlightBufferSet const& s) { return s.frameNo == result.frameNo; });
-        if (it != mInFlightList.end()) {
-            InFlightBufferSet& set = *it;
-            if (set.timestamp == 0 && result.timestamp >= 1) set.timestamp = result.timestamp;
-            TrackFrameResultParams const& track = *set.trackParams;
-            if (result.halImage != nullptr) {
-                auto& list = *result.halImage;
-                for (auto b = list.begin(); b != list.end();) {
-                    StreamId_T const id = *b ? (*b)->streamInfoOf()->streamId() : 0;
-                    if (*b && track.halImage.count(id) != 0) {
-                        note(*b, "(O) ");
-                        if (addSharedImage(id, std::move(*b), set.halImage)) set.halImageIds.push_back(id);
-                        --set.remaining;
-                        b = list.erase(b);
-                    } else {
-                        ++b;
-                    }
-                }
-            }
-            auto keepMetas = [&](std::vector<std::shared_ptr<IMetaStreamBuffer>>* list,
-                                 std::set<StreamId_T> const& tracked,
-                                 std::vector<std::shared_ptr<IMetaStreamBuffer>>& out) {
-                if (list == nullptr) return;
-                for (auto b = list->begin(); b != list->end();) {
-                    auto info = *b ? (*b)->streamInfoOf() : nullptr;
-                    if (info && tracked.count(info->streamId()) != 0) {
-                        note(*b, "(O) ");
-                        addCopiedMeta(std::move(info), std::move(*b), out);
-                        --set.remaining;
-                        b = list->erase(b);
-                    } else {
-                        ++b;
-                    }
-                }
-            };
-            keepMetas(result.halMeta, track.halMeta, set.halMeta);
-            keepMetas(result.appMeta, track.appMeta, set.appMeta);
-            if (result.isFrameDestroyed) {
-                if (set.remaining != 0) {
-                    MY_LOGE("[requestNo:%u frameNo:%u] isFrameDestroyed(%d), but still have #%zu left",
-                            result.requestNo, result.frameNo, result.isFrameDestroyed, set.remaining);
-                    set.timestamp = 0;
-                    set.remaining = 0;
-                }
-                complete = true;
-            } else {
-                complete = set.remaining == 0;
-            }
-            if (complete) {
-                MY_LOGD_IF(mLogLevel >= 3, "erase frameNo=%d from mInFlightList", result.frameNo);
-                doneNode.splice(doneNode.end(), mInFlightList, it);
-            }
+std::list<FrameBufferManagerImpl::InFlightBufferSet> FrameBufferManagerImpl::keepTrackedBuffers(
+    ReturnResult const& result, ResultLine& line) {
+    std::list<InFlightBufferSet> done;  // the completed set, taken out of the list whole
+    LockGuard<TimedMutex> lk(mInFlightLock);
+    auto it = std::find_if(mInFlightList.begin(), mInFlightList.end(),
+                           [&](InFlightBufferSet const& s) { return s.frameNo == result.frameNo; });
+    if (it == mInFlightList.end()) return done;  // never tracked, or already complete
+    InFlightBufferSet& set = *it;
+    if (set.timestamp == 0 && result.timestamp >= 1) set.timestamp = result.timestamp;
+    if (result.halImage != nullptr) keepTrackedImages(*result.halImage, set, line);
+    keepTrackedMetas(result.halMeta, set.trackParams->halMeta, set, set.halMeta, line);
+    keepTrackedMetas(result.appMeta, set.trackParams->appMeta, set, set.appMeta, line);
+    if (result.isFrameDestroyed && set.remaining != 0) {
+        MY_LOGE_AS("returnResult", "[requestNo:%u frameNo:%u] isFrameDestroyed(%d), but still have #%zu left",
+                   result.requestNo, result.frameNo, result.isFrameDestroyed, set.remaining);
+        set.timestamp = 0;  // released, not kept: the frame is broken
+        set.remaining = 0;
+    }
+    if (set.remaining == 0) {
+        MY_LOGD_IF_AS(mLogLevel >= 3, "returnResult", "erase frameNo=%d from mInFlightList", result.frameNo);
+        done.splice(done.end(), mInFlightList, it);
+    }
+    return done;
+}
+
+bool FrameBufferManagerImpl::receiveOnce(InFlightBufferSet& set, StreamId_T streamId, char const* kind) {
+    if (std::find(set.received.begin(), set.received.end(), streamId) == set.received.end()) {
+        set.received.push_back(streamId);
+        return true;
+    }
+    // Counted once, or the frame would never complete: the extra stays with the caller.
+    MY_LOGW_AS("returnResult", "[R%u F%u] %s stream(%#lx) returned again: left in the caller's list",
+               set.requestNo, set.frameNo, kind, static_cast<long>(streamId));
+    return false;
+}
+
+void FrameBufferManagerImpl::keepTrackedImages(std::vector<std::shared_ptr<IImageStreamBuffer>>& list,
+                                               InFlightBufferSet& set, ResultLine& line) {
+    auto const& tracked = set.trackParams->halImage;
+    for (auto b = list.begin(); b != list.end();) {
+        StreamId_T const id = *b ? (*b)->streamInfoOf()->streamId() : 0;
+        if (!*b || tracked.count(id) == 0 || !receiveOnce(set, id, "image")) {
+            ++b;  // not tracked: it stays in the caller's list
+            continue;
         }
+        line.note(*b, "(O) ");
+        if (addSharedImage(id, std::move(*b), set.halImage)) set.halImageIds.push_back(id);
+        --set.remaining;  // returned, whether or not a buffer could be kept
+        b = list.erase(b);
     }
+}
 
+void FrameBufferManagerImpl::keepTrackedMetas(std::vector<std::shared_ptr<IMetaStreamBuffer>>* list,
+                                              std::set<StreamId_T> const& tracked,
+                                              InFlightBufferSet& set,
+                                              std::vector<std::shared_ptr<IMetaStreamBuffer>>& out,
+                                              ResultLine& line) {
+    if (list == nullptr) return;
+    for (auto b = list->begin(); b != list->end();) {
+        auto info = *b ? (*b)->streamInfoOf() : nullptr;
+        if (!info || tracked.count(info->streamId()) == 0 || !receiveOnce(set, info->streamId(), "meta")) {
+            ++b;
+            continue;
+        }
+        line.note(*b, "(O) ");
+        addCopiedMeta(std::move(info), std::move(*b), out);
+        --set.remaining;
+        b = list->erase(b);
+    }
+}
+
+void FrameBufferManagerImpl::releaseUntracked(ReturnResult const& result, ResultLine& line) {
     if (result.halImageToRelease != nullptr) {
         for (auto& b : *result.halImageToRelease) {
             if (!b) continue;
-            note(b, "(X) ");
+            line.note(b, "(X) ");
             releaseBuffer(b);
         }
         result.halImageToRelease->clear();
@@ -321,57 +359,61 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
         if (list == nullptr) continue;
         for (auto& b : *list) {
             if (!b) continue;
-            note(b, "(X) ");
+            line.note(b, "(X) ");
             b.reset();  // untracked metadata is only dropped here
         }
         list->clear();
     }
+}
 
-    if (complete) {
-        InFlightBufferSet& done = doneNode.front();
-        if (done.timestamp == 0) {
-            if (line) *line += " => release bufferSet (TS: " + std::to_string(done.timestamp) + ")";
-            // Tied to the flag being false: a frame without timestamp is released either way.
-            if (!done.trackParams->isRecyclable) MY_LOGE("release un-recyclable frame! (due to error)");
-            releaseOneBufferSet(done);
-        } else {
-            auto const groups = sharedGroups();
-            LockGuard<TimedMutex> lk(mReadyLock);
-            // From the back: behind the first older set, so a new set goes in front of sets with
-            // an equal timestamp.
-            auto pos = mReadyList.end();
-            while (pos != mReadyList.begin()) {
-                auto prev = std::prev(pos);
-                if (prev->timestamp < done.timestamp) break;
-                pos = prev;
-            }
-            std::list<HistoryBufferSet>::iterator hbs;
-            if (mSpareReady.empty()) {
-                hbs = mReadyList.emplace(pos);
-            } else {
-                hbs = mSpareReady.begin();
-                mReadyList.splice(pos, mSpareReady, hbs);
-            }
-            hbs->frameNo = done.frameNo;
-            hbs->requestNo = done.requestNo;
-            hbs->timestamp = done.timestamp;
-            hbs->isRecyclable = done.trackParams->isRecyclable;
-            // The buffers move; the emptied vectors of the spare set go back with the frame's.
-            hbs->halImage.swap(done.halImage);
-            hbs->halMeta.swap(done.halMeta);
-            hbs->appMeta.swap(done.appMeta);
-            for (StreamId_T id : done.halImageIds) mReadyStreamCounters[poolKeyOf(groups.get(), id)] += 1;
-            if (line) *line += " => move to ReadyList";
+void FrameBufferManagerImpl::completeFrame(std::list<InFlightBufferSet>& doneNode, ResultLine& line) {
+    InFlightBufferSet& done = doneNode.front();
+    if (done.timestamp == 0) {
+        line.append(" => release bufferSet (TS: " + std::to_string(done.timestamp) + ")");
+        // Tied to the flag being false: a frame without timestamp is released either way, and
+        // only losing one the selector may not recycle is an error.
+        if (!done.trackParams->isRecyclable) {
+            MY_LOGE_AS("returnResult", "release un-recyclable frame! (due to error)");
         }
-        recycleInFlightSets(doneNode);
+        releaseOneBufferSet(done);
+    } else {
+        auto const groups = poolGroups();
+        LockGuard<TimedMutex> lk(mReadyLock);
+        auto hbs = insertReadyLocked(done.timestamp, ReadyTie::InFrontOfEqual);
+        hbs->frameNo = done.frameNo;
+        hbs->requestNo = done.requestNo;
+        hbs->timestamp = done.timestamp;
+        hbs->isRecyclable = done.trackParams->isRecyclable;
+        // The buffers move; the emptied vectors of the spare set go back with the frame's.
+        hbs->halImage.swap(done.halImage);
+        hbs->halMeta.swap(done.halMeta);
+        hbs->appMeta.swap(done.appMeta);
+        for (StreamId_T id : done.halImageIds) mReadyStreamCounters[poolKeyOf(groups.get(), id)] += 1;
+        line.append(" => move to ReadyList");
     }
-    if (line) MY_LOGD("%s", line->c_str());
+    recycleInFlightSets(doneNode);
+}
+
+std::list<IHistoryBufferProvider::HistoryBufferSet>::iterator
+FrameBufferManagerImpl::insertReadyLocked(int64_t timestamp, ReadyTie tie) {
+    // From the back, where new frames go: the list is in ascending timestamp order.
+    auto pos = mReadyList.end();
+    while (pos != mReadyList.begin()) {
+        int64_t const prev = std::prev(pos)->timestamp;
+        if (prev < timestamp || (tie == ReadyTie::BehindEqual && prev == timestamp)) break;
+        --pos;
+    }
+    if (mSpareReady.empty()) return mReadyList.emplace(pos);
+    auto node = mSpareReady.begin();
+    mReadyList.splice(pos, mSpareReady, node);
+    return node;
 }
 
 void FrameBufferManagerImpl::recycleInFlightSets(std::list<InFlightBufferSet>& sets) {
     for (auto& set : sets) {
         set.halImage.clear();  // released or moved on: only empty handles are left
         set.halImageIds.clear();
+        set.received.clear();
         set.halMeta.clear();
         set.appMeta.clear();
         set.trackParams.reset();
@@ -398,7 +440,7 @@ void FrameBufferManagerImpl::recycleReadySets(std::list<HistoryBufferSet>& sets)
 }
 
 void FrameBufferManagerImpl::increaseReadyCounters(HistoryBufferSet const& set, int delta) {
-    auto const groups = sharedGroups();
+    auto const groups = poolGroups();
     for (auto const& image : set.halImage) {
         if (!image) continue;
         auto info = image->streamInfoOf();
@@ -454,14 +496,6 @@ bool FrameBufferManagerImpl::addSharedImage(StreamId_T streamId,
     return false;
 }
 
-void FrameBufferManagerImpl::addSharedImages(std::vector<std::shared_ptr<IImageStreamBuffer>> const& in,
-                                             std::vector<std::shared_ptr<IImageStreamBuffer>>& out) {
-    for (auto const& b : in) {
-        auto copy = b;
-        addSharedImage(std::move(copy), out);
-    }
-}
-
 void FrameBufferManagerImpl::addCopiedMeta(std::shared_ptr<IMetaStreamBuffer>&& buffer,
                                            std::vector<std::shared_ptr<IMetaStreamBuffer>>& out) {
     addCopiedMeta(buffer->streamInfoOf(), std::move(buffer), out);
@@ -475,7 +509,6 @@ void FrameBufferManagerImpl::addCopiedMeta(std::shared_ptr<IMetaStreamInfo const
     IMetadata* locked = buffer->tryReadLockMeta(LOG_TAG);
     if (locked == nullptr) MY_FATAL_AS(fn, "fail to lock metaSB(%#lx)", static_cast<long>(streamId));
     // The read lock brackets only the copy: a producer node may be waiting to write the source.
-    // The read lock brackets only the copy: a producer node may be waiting to write the source.
     IMetadata copy(*locked);
     buffer->unlockMeta(LOG_TAG, locked);
     auto kept = Utils::makeHalMetaStreamBuffer({std::move(info), &copy});
@@ -483,14 +516,6 @@ void FrameBufferManagerImpl::addCopiedMeta(std::shared_ptr<IMetaStreamInfo const
         out.push_back(std::move(kept));
     } else {
         MY_LOGW_AS(fn, "Fail to copy meta (%#lx)", static_cast<long>(streamId));
-    }
-}
-
-void FrameBufferManagerImpl::addCopiedMetas(std::vector<std::shared_ptr<IMetaStreamBuffer>> const& in,
-                                            std::vector<std::shared_ptr<IMetaStreamBuffer>>& out) {
-    for (auto const& b : in) {
-        auto copy = b;
-        addCopiedMeta(std::move(copy), out);
     }
 }
 

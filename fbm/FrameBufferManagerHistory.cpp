@@ -4,6 +4,7 @@
 
 #include "FrameBufferManager.h"
 
+#include <algorithm>
 #include <sstream>
 
 #include <vexlor/LogScheme.h>
@@ -16,6 +17,12 @@ namespace {
 
 constexpr size_t kReleaseToWorkerThreshold = 4;
 constexpr auto kSelectLockWait = std::chrono::milliseconds(10);
+constexpr auto kSelectionWaitNoted = std::chrono::seconds(1);  // a selection waited this long says so
+
+template <class Vec>
+void dropEmptyHandles(Vec& buffers) {
+    buffers.erase(std::remove(buffers.begin(), buffers.end(), nullptr), buffers.end());
+}
 
 template <class Vec>
 std::string metaNames(Vec const& buffers, bool brief) {
@@ -45,11 +52,25 @@ std::string toString(IHistoryBufferProvider::HistoryBufferSet const& set, bool b
 std::list<IHistoryBufferProvider::HistoryBufferSet> FrameBufferManagerImpl::beginSelect()
     NO_THREAD_SAFETY_ANALYSIS {  // returns with mInSelectLock held, until endSelect
     MY_LOGD_IF(mLogLevel >= 3, "in selection +");
-    mInSelectLock.lock();
+    if (!mInSelectLock.try_lock_for(kSelectionWaitNoted)) {
+        // Another selection holds it: a selector that forgot endSelect blocks every later one.
+        std::ostringstream frames;
+        {
+            LockGuard<TimedMutex> lk(mReadyLock);
+            for (uint32_t f : mSelectedFrames) frames << " " << f;
+        }
+        MY_LOGW("waited 1 s for the selection of frames {%s } to end; still waiting",
+                frames.str().c_str());
+        mInSelectLock.lock();
+    }
     std::list<HistoryBufferSet> sets;
     LockGuard<TimedMutex> lk(mReadyLock);
     sets.splice(sets.end(), mReadyList);
-    for (auto const& set : sets) increaseReadyCounters(set, -1);
+    mSelectedFrames.clear();
+    for (auto const& set : sets) {
+        increaseReadyCounters(set, -1);
+        mSelectedFrames.push_back(set.frameNo);
+    }
     return sets;
 }
 
@@ -62,23 +83,30 @@ void FrameBufferManagerImpl::returnUnselectedSet(ReturnUnselectedSet&& ret) {
     HistoryBufferSet& set = ret.bufferSet;
     MY_LOGD_IF(mLogLevel >= 2, "[R%u F%u] welcome back, %s", set.requestNo, set.frameNo,
                ret.keep ? "keep" : "release");
-    if (!ret.keep) {
-        releaseOneBufferSet(set);
-        return;
+    if (ret.keep) {
+        // What the selector released itself is not kept; a set left with nothing is not kept.
+        dropEmptyHandles(set.halImage);
+        dropEmptyHandles(set.halMeta);
+        dropEmptyHandles(set.appMeta);
+        if (set.halImage.empty() && set.halMeta.empty() && set.appMeta.empty()) return;
+        if (keepReturnedSet(set)) return;
+        MY_LOGW("[R%u F%u] already in ReadyList: released", set.requestNo, set.frameNo);
     }
+    releaseOneBufferSet(set);
+}
+
+bool FrameBufferManagerImpl::keepReturnedSet(HistoryBufferSet& set) {
     LockGuard<TimedMutex> lk(mReadyLock);
-    increaseReadyCounters(set, 1);
-    // From the front: before the first newer set, so a returned set goes behind equal ones
-    // (the opposite tie-break of returnResult, deliberately).
-    auto pos = std::find_if(mReadyList.begin(), mReadyList.end(),
-                            [&](HistoryBufferSet const& s) { return s.timestamp > set.timestamp; });
-    if (mSpareReady.empty()) {
-        mReadyList.insert(pos, std::move(set));
-    } else {
-        auto node = mSpareReady.begin();
-        mReadyList.splice(pos, mSpareReady, node);
-        *node = std::move(set);
+    // One ready set per frame: a set given back twice would leave a second one holding buffers
+    // that were already handed on.
+    for (auto const& s : mReadyList) {
+        if (s.frameNo == set.frameNo) return false;
     }
+    increaseReadyCounters(set, 1);
+    // Behind sets of the same timestamp: the opposite tie-break of a completed frame's,
+    // deliberately, so that a set given back keeps its place among its equals.
+    *insertReadyLocked(set.timestamp, ReadyTie::BehindEqual) = std::move(set);
+    return true;
 }
 
 IHistoryBufferProvider::HistoryBufferSet FrameBufferManagerImpl::cloneHBS(HistoryBufferSet const& source) {
@@ -157,43 +185,33 @@ void FrameBufferManagerImpl::tryReleaseHistoryBufferSets(int64_t streamId, int c
     } else {
         MY_LOGD_IF(mLogLevel >= 3, "try_lock_for mInSelectLock within timeout (10ms)");
     }
-    auto warnNoSet = [&]() REQUIRES(mReadyLock) {
-        MY_LOGW_AS("tryReleaseHistoryBufferSets",
-                   "stream(%#lx) getOneHistoryBufferSetLocked failed! mReadyList(#%zu)",
-                   static_cast<long>(streamId), mReadyList.size());
-    };
 
+    // Picked oldest first until the heaps they hold of the pool add up to `count` (a set counts
+    // as one heap in a single-stream pool).
     std::list<HistoryBufferSet> sets;
-    if (count == 1) {
-        bool picked;
-        {
-            LockGuard<TimedMutex> lk(mReadyLock);
-            picked = pickOneHistoryBufferSetLocked(poolStreams, sets);
-            if (!picked) warnNoSet();
+    {
+        LockGuard<TimedMutex> lk(mReadyLock);
+        for (int left = count; left >= 1;) {
+            if (!pickOneHistoryBufferSetLocked(poolStreams, sets)) {
+                MY_LOGW_AS("tryReleaseHistoryBufferSets",
+                           "stream(%#lx) getOneHistoryBufferSetLocked failed! mReadyList(#%zu)",
+                           static_cast<long>(streamId), mReadyList.size());
+                break;
+            }
+            auto const& images = sets.back().halImage;
+            left -= poolStreams.size() < 2 ? 1
+                                           : static_cast<int>(std::count_if(
+                                                 images.begin(), images.end(),
+                                                 [&](auto const& image) { return poolStreams.holds(image); }));
         }
-        if (picked) {
+    }
+    if (count == 1) {
+        if (!sets.empty()) {
             releaseOneBufferSet(sets.front());
             recycleReadySets(sets);
             return;
         }
     } else {
-        {
-            LockGuard<TimedMutex> lk(mReadyLock);
-            int left = count;
-            do {
-                if (!pickOneHistoryBufferSetLocked(poolStreams, sets)) {
-                    warnNoSet();
-                    break;
-                }
-                if (poolStreams.size() >= 2) {
-                    auto const& set = sets.back();
-                    left -= static_cast<int>(std::count_if(set.halImage.begin(), set.halImage.end(),
-                                                           [&](auto const& image) { return poolStreams.holds(image); }));
-                } else {
-                    left -= 1;
-                }
-            } while (left >= 1);
-        }
         MY_LOGD("stream(%#lx), release bufferHeap count(%d), release bufferSet count(%zu)",
                 static_cast<long>(streamId), count, sets.size());
         releaseBufferSets(sets);

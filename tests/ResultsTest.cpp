@@ -339,21 +339,23 @@ TEST_F(ResultsTest, CloneSkipsImagesOfStreamsWithoutAPool) {
     for (auto const& [key, n] : mManager->mReadyStreamCounters) EXPECT_EQ(n, 0) << key;
 }
 
-TEST_F(ResultsTest, SharingSeveralImagesOrCopyingSeveralMetadataKeepsEachInOrder) {
+TEST_F(ResultsTest, ACloneSharesEachImageAndCopiesEachMetadataInOrder) {
     auto [e1, a] = request(kPreview, 1);
     auto [e2, b] = request(kFullA, 1);
     ASSERT_EQ(e1 | e2, 0);
-    std::vector<SbPtr> out;
-    mManager->addSharedImages({a, b}, out);
-    ASSERT_EQ(out.size(), 2u);
-    EXPECT_EQ(out[0]->imageBufferHeap(), a->imageBufferHeap());
-    EXPECT_EQ(out[1]->imageBufferHeap(), b->imageBufferHeap());
-    EXPECT_NE(out[0], a);  // new stream buffers; the sources are left as they were
-    std::vector<std::shared_ptr<IMetaStreamBuffer>> metas;
-    mManager->addCopiedMetas({makeMeta(mHalMetaInfo, 11), makeMeta(mAppMetaInfo, 12)}, metas);
-    ASSERT_EQ(metas.size(), 2u);
-    EXPECT_EQ((std::vector<int64_t>{metaValue(metas[0]), metaValue(metas[1])}), (std::vector<int64_t>{11, 12}));
-    releaseEverythingAndCheck({&a, &b, &out[0], &out[1]});
+    IHistoryBufferProvider::HistoryBufferSet source;
+    source.halImage = {a, b};
+    source.halMeta = {makeMeta(mHalMetaInfo, 11), makeMeta(mHalMetaInfo, 12)};
+    auto clone = mManager->cloneHBS(source);
+    ASSERT_EQ(clone.halImage.size(), 2u);
+    EXPECT_EQ(clone.halImage[0]->imageBufferHeap(), a->imageBufferHeap());
+    EXPECT_EQ(clone.halImage[1]->imageBufferHeap(), b->imageBufferHeap());
+    EXPECT_NE(clone.halImage[0], a);  // new stream buffers; the sources are left as they were
+    ASSERT_EQ(clone.halMeta.size(), 2u);
+    EXPECT_EQ((std::vector<int64_t>{metaValue(clone.halMeta[0]), metaValue(clone.halMeta[1])}),
+              (std::vector<int64_t>{11, 12}));
+    source.halImage.clear();
+    releaseEverythingAndCheck({&a, &b, &clone.halImage[0], &clone.halImage[1]});
 }
 
 TEST_F(ResultsTest, MetadataThatCannotBeLockedIsFatal) {

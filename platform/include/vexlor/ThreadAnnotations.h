@@ -286,18 +286,4 @@ private:
     bool mOwns;
 };
 
-// Both locks at once with the standard deadlock-free two-lock acquisition (std::lock).
-class SCOPED_CAPABILITY DualLocker {
-public:
-    DualLocker(Mutex& a, Mutex& b) ACQUIRE(a, b) : mA(a), mB(b) { std::lock(mA, mB); }
-    ~DualLocker() RELEASE() {
-        mA.unlock();
-        mB.unlock();
-    }
-
-private:
-    Mutex& mA;
-    Mutex& mB;
-};
-
 }  // namespace NSCam
