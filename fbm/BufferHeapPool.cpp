@@ -54,19 +54,17 @@ BufferHeapPool::~BufferHeapPool() {
     }
     std::list<Slot> available;  // its heaps are let go outside the lock
     std::ostringstream oss;
-    size_t inUse = 0;
     {
         LockGuard<Mutex> lk(mListLock);
         available.swap(mAvailableBuf);
         // The heaps still out are their holders' now; only their addresses are here.
-        while (!mInUseBuf.empty()) {
-            oss << static_cast<void const*>(mInUseBuf.front().address) << "; ";
-            mInUseBuf.pop_front();
-        }
-        inUse = mInUseBuf.size();  // read after draining: always 0, the heaps follow it
+        for (auto const& slot : mInUseBuf) oss << static_cast<void const*>(slot.address) << "; ";
+        mInUseBuf.clear();
     }
     available.clear();
-    MY_LOGI("Pool(%s-%p) inUse(#%zu) not return to pool. %s", mPoolName.c_str(), this, inUse,
+    // The count is the list's after it was drained, so always 0, with the heaps still out after
+    // it: the line readers of earlier versions know.
+    MY_LOGI("Pool(%s-%p) inUse(#%zu) not return to pool. %s", mPoolName.c_str(), this, size_t{0},
             oss.str().c_str());
 }
 
@@ -322,7 +320,8 @@ int32_t BufferHeapPool::updateMaxBuffer(int32_t& newMax) {
             MY_LOGD_IF(mLogLevel >= 1, "[%s] set mNeedDecreaseMaxBuffer = %d", mPoolName.c_str(),
                        mNeedDecreaseMaxBuffer);
         }
-        // Otherwise a pending decrease is left as it is, deliberately.
+        // Otherwise a pending decrease is left as it is: heaps in use still have to come back
+        // before the worker can shed down to the new target.
     }
     MY_LOGI("[%s] buffer pool number : current config max(#%d), target config max(#%d), current "
             "max(#%d), need decrease(#%d)",

@@ -71,7 +71,8 @@ private:
 
 void FrameBufferManagerImpl::beginConfigure() {
     LockGuard<Mutex> lk(mConfigLock);
-    // Lines of earlier configurations stay, deliberately, and are dumped together.
+    // Lines of earlier configurations stay and are dumped together: a mode switch's warnings
+    // are read beside those of the configuration it replaced.
     mConfigPrinter = makeConfigPrinter();  // std::make_shared throws rather than give nothing
 }
 

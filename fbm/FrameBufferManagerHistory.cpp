@@ -98,9 +98,19 @@ void FrameBufferManagerImpl::returnUnselectedSet(ReturnUnselectedSet&& ret) {
 bool FrameBufferManagerImpl::keepReturnedSet(HistoryBufferSet& set) {
     LockGuard<TimedMutex> lk(mReadyLock);
     // One ready set per frame: a set given back twice would leave a second one holding buffers
-    // that were already handed on.
-    for (auto const& s : mReadyList) {
-        if (s.frameNo == set.frameNo) return false;
+    // that were already handed on. Of the second, what the first holds too is only let go.
+    auto same = std::find_if(mReadyList.begin(), mReadyList.end(),
+                             [&](HistoryBufferSet const& s) { return s.frameNo == set.frameNo; });
+    if (same != mReadyList.end()) {
+        auto forget = [](auto& mine, auto const& kept) {
+            for (auto& b : mine) {
+                if (std::find(kept.begin(), kept.end(), b) != kept.end()) b.reset();
+            }
+        };
+        forget(set.halImage, same->halImage);
+        forget(set.halMeta, same->halMeta);
+        forget(set.appMeta, same->appMeta);
+        return false;
     }
     increaseReadyCounters(set, 1);
     // Behind sets of the same timestamp: the opposite tie-break of a completed frame's,
@@ -114,7 +124,9 @@ IHistoryBufferProvider::HistoryBufferSet FrameBufferManagerImpl::cloneHBS(Histor
     clone.frameNo = source.frameNo;
     clone.requestNo = source.requestNo;
     clone.timestamp = source.timestamp;
-    clone.isRecyclable = true;  // a clone is always recyclable, deliberately
+    // Always recyclable: the clone owns buffers of its own, so giving it up to a starving pool
+    // never takes what the selector kept of the source.
+    clone.isRecyclable = true;
     for (auto const& b : source.halImage) {
         if (!b) continue;
         auto copy = b;
