@@ -28,7 +28,8 @@ BufferHeapPool::BufferHeapPool(std::string name, HeapAllocator& allocator)
     : mLogLevel(NSCam::Utils::Properties::property_get_int32(
           "vendor.debug.camera.log.pipeline.fbm.pool", 0)),
       mPoolName(std::move(name)),
-      mAllocator(allocator) {}
+      mAllocator(allocator),
+      mReturnSlowly(mLogLevel >= 1) {}
 
 BufferHeapPool::~BufferHeapPool() {
     // Each wake-up is sent under the lock its waiter tests mExit with, so it cannot be missed, and
@@ -116,13 +117,11 @@ inline int32_t BufferHeapPool::getBufferFromPool_l(char const* callerName, HeapP
 
 int32_t BufferHeapPool::releaseToPool(char const* callerName, HeapPtr&& heap) {
     MY_LOGD_IF(mLogLevel >= 1, "[%s]", callerName);
-    HeapPtr freed;  // declared first: let go after the lock
     LockGuard<Mutex> lk(mListLock);
-    return returnBufferToPool_l(callerName, heap, freed);
+    return returnBufferToPool_l(callerName, heap);
 }
 
-inline int32_t BufferHeapPool::returnBufferToPool_l(char const* callerName, HeapPtr& heap,
-                                                    HeapPtr& freed) {
+inline int32_t BufferHeapPool::returnBufferToPool_l(char const* callerName, HeapPtr& heap) {
     auto it = mInUseBuf.begin();
     for (; it != mInUseBuf.end(); ++it) {
         if (it->address == heap.get()) break;
@@ -132,20 +131,26 @@ inline int32_t BufferHeapPool::returnBufferToPool_l(char const* callerName, Heap
                 mAvailableBuf.size(), mInUseBuf.size(), heap.get());
         return -EINVAL;
     }
-    if (mRetired.load(std::memory_order_relaxed)) {
-        freed = std::move(heap);
-        mInUseBuf.erase(it);
-        --mAllocatedCount;
-        return 0;
-    }
     it->heap = std::move(heap);  // given back: only a refused heap stays with the caller
     mAvailableBuf.splice(mAvailableBuf.end(), mInUseBuf, it);
     mAvailableCond.notifyOne();
     heapAvailable();
-    MY_LOGD_IF(mLogLevel >= 1, "[%s] successfully return buffer. available(#%zu) inUse(#%zu) buffer(%p)",
-               callerName, mAvailableBuf.size(), mInUseBuf.size(),
-               static_cast<void const*>(mAvailableBuf.back().address));
+    if (mReturnSlowly) returnedSlowly_l(callerName);
     return 0;
+}
+
+void BufferHeapPool::returnedSlowly_l(char const* callerName) {
+    if (mRetired.load(std::memory_order_relaxed)) {
+        // Freed at once, under the lock: only old buffers still come back to a retired pool.
+        HeapPtr const freed = std::move(mAvailableBuf.back().heap);
+        mAvailableBuf.pop_back();
+        --mAllocatedCount;
+        return;
+    }
+    MY_LOGD_IF_AS(mLogLevel >= 1, "returnBufferToPool_l",
+                  "[%s] successfully return buffer. available(#%zu) inUse(#%zu) buffer(%p)",
+                  callerName, mAvailableBuf.size(), mInUseBuf.size(),
+                  static_cast<void const*>(mAvailableBuf.back().address));
 }
 
 void BufferHeapPool::heapAvailable() {
@@ -300,6 +305,7 @@ void BufferHeapPool::retire() {
         LockGuard<Mutex> lk(mListLock);
         idle.swap(mAvailableBuf);
         mAllocatedCount -= static_cast<int32_t>(idle.size());
+        mReturnSlowly = true;
         mAvailableCond.notifyAll();
     }
     MY_LOGD("[%s] retired: freed(#%zu) inUse(#%d)", mPoolName.c_str(), idle.size(),

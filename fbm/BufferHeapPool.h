@@ -96,9 +96,9 @@ private:
         nivo::IImageBufferHeap const* address;
     };
     int32_t getBufferFromPool_l(char const* callerName, HeapPtr& out) REQUIRES(mListLock);
-    // A retired pool's heap is moved to `freed`, for the caller to let go after the lock.
-    int32_t returnBufferToPool_l(char const* callerName, HeapPtr& heap, HeapPtr& freed)
-        REQUIRES(mListLock);
+    int32_t returnBufferToPool_l(char const* callerName, HeapPtr& heap) REQUIRES(mListLock);
+    // After a return that logs, or to a retired pool (which frees the heap just returned).
+    void returnedSlowly_l(char const* callerName) REQUIRES(mListLock);
     bool isPoolWaitForReleaseLocked() const EXCLUDES(mCountLock);  // takes it
     int32_t updateBufferCountLocked(int32_t count) REQUIRES(mSizingLock) EXCLUDES(mCountLock);
     void workerLoop();
@@ -114,6 +114,8 @@ private:
     mutable Mutex mListLock;
     std::list<Slot> mAvailableBuf GUARDED_BY(mListLock);  // out at the front, in at the back
     std::list<Slot> mInUseBuf GUARDED_BY(mListLock);      // in acquisition order
+    // Returns that log or free (a raised log level, retirement) take a second step: one test.
+    bool mReturnSlowly GUARDED_BY(mListLock);
     bool mInitialized GUARDED_BY(mSizingLock) = false;
     std::atomic<bool> mExit{false};
     // Set under mListLock (returned heaps are then freed) and mCountLock (the worker's waits).

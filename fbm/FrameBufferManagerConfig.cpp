@@ -166,7 +166,8 @@ void FrameBufferManagerImpl::storeImageStream(std::shared_ptr<ConfigImageStream>
     for (auto& [info, ids] : byAllocInfo) {
         if (ids.size() >= 2) groups->push_back(std::move(ids));
     }
-    mPoolGroups = std::move(groups);
+    // None at all is the usual case: readers then copy an empty handle, which costs no count.
+    mPoolGroups = groups->empty() ? nullptr : std::move(groups);
 }
 
 void FrameBufferManagerImpl::retireReplacedPools(std::vector<std::shared_ptr<ConfigImageStream>>& replaced) {

@@ -106,7 +106,7 @@ int FrameBufferManagerImpl::requestStreamBuffer(ImageStreamBufferCallback callba
     return err;
 }
 
-bool FrameBufferManagerImpl::chooseRequestSource(ConfigImageStream const& config,
+FBM_STEP bool FrameBufferManagerImpl::chooseRequestSource(ConfigImageStream const& config,
                                                  RequestStreamBuffer const& request,
                                                  RequestSource& source) const {
     // A stream whose layout changed after configuration is served by an allocation per request,
@@ -142,7 +142,7 @@ bool FrameBufferManagerImpl::chooseRequestSource(ConfigImageStream const& config
     }
 }
 
-int FrameBufferManagerImpl::takeFromPool(ConfigImageStream const& config,
+FBM_STEP int FrameBufferManagerImpl::takeFromPool(ConfigImageStream const& config,
                                          RequestStreamBuffer const& request,
                                          std::shared_ptr<IImageStreamBuffer>& buffer) const {
     auto const& pool = config.pPool;
@@ -256,7 +256,8 @@ public:
         if (!mText) return;
         if (char const* name = buffer->bufferName()) *mText += std::string(" ") + name + mark;
     }
-    void append(std::string const& text) {
+    bool on() const { return mText != nullptr; }
+    void append(char const* text) {
         if (mText) *mText += text;
     }
     void write() const {
@@ -275,7 +276,7 @@ void FrameBufferManagerImpl::returnResult(ReturnResult const& result) {
     line.write();
 }
 
-std::list<FrameBufferManagerImpl::InFlightBufferSet> FrameBufferManagerImpl::keepTrackedBuffers(
+FBM_STEP std::list<FrameBufferManagerImpl::InFlightBufferSet> FrameBufferManagerImpl::keepTrackedBuffers(
     ReturnResult const& result, ResultLine& line) {
     std::list<InFlightBufferSet> done;  // the completed set, taken out of the list whole
     LockGuard<TimedMutex> lk(mInFlightLock);
@@ -300,18 +301,24 @@ std::list<FrameBufferManagerImpl::InFlightBufferSet> FrameBufferManagerImpl::kee
     return done;
 }
 
-bool FrameBufferManagerImpl::receiveOnce(InFlightBufferSet& set, StreamId_T streamId, char const* kind) {
-    if (std::find(set.received.begin(), set.received.end(), streamId) == set.received.end()) {
-        set.received.push_back(streamId);
-        return true;
+FBM_STEP bool FrameBufferManagerImpl::receiveOnce(InFlightBufferSet& set, StreamId_T streamId,
+                                                  char const* kind) {
+    for (StreamId_T received : set.received) {  // a few at most: a plain walk is cheapest
+        if (received == streamId) return warnReceivedAgain(set, streamId, kind);
     }
+    set.received.push_back(streamId);
+    return true;
+}
+
+bool FrameBufferManagerImpl::warnReceivedAgain(InFlightBufferSet const& set, StreamId_T streamId,
+                                               char const* kind) const {
     // Counted once, or the frame would never complete: the extra stays with the caller.
     MY_LOGW_AS("returnResult", "[R%u F%u] %s stream(%#lx) returned again: left in the caller's list",
                set.requestNo, set.frameNo, kind, static_cast<long>(streamId));
     return false;
 }
 
-void FrameBufferManagerImpl::keepTrackedImages(std::vector<std::shared_ptr<IImageStreamBuffer>>& list,
+FBM_STEP void FrameBufferManagerImpl::keepTrackedImages(std::vector<std::shared_ptr<IImageStreamBuffer>>& list,
                                                InFlightBufferSet& set, ResultLine& line) {
     auto const& tracked = set.trackParams->halImage;
     for (auto b = list.begin(); b != list.end();) {
@@ -327,7 +334,7 @@ void FrameBufferManagerImpl::keepTrackedImages(std::vector<std::shared_ptr<IImag
     }
 }
 
-void FrameBufferManagerImpl::keepTrackedMetas(std::vector<std::shared_ptr<IMetaStreamBuffer>>* list,
+FBM_STEP void FrameBufferManagerImpl::keepTrackedMetas(std::vector<std::shared_ptr<IMetaStreamBuffer>>* list,
                                               std::set<StreamId_T> const& tracked,
                                               InFlightBufferSet& set,
                                               std::vector<std::shared_ptr<IMetaStreamBuffer>>& out,
@@ -346,7 +353,7 @@ void FrameBufferManagerImpl::keepTrackedMetas(std::vector<std::shared_ptr<IMetaS
     }
 }
 
-void FrameBufferManagerImpl::releaseUntracked(ReturnResult const& result, ResultLine& line) {
+FBM_STEP void FrameBufferManagerImpl::releaseUntracked(ReturnResult const& result, ResultLine& line) {
     if (result.halImageToRelease != nullptr) {
         for (auto& b : *result.halImageToRelease) {
             if (!b) continue;
@@ -366,10 +373,10 @@ void FrameBufferManagerImpl::releaseUntracked(ReturnResult const& result, Result
     }
 }
 
-void FrameBufferManagerImpl::completeFrame(std::list<InFlightBufferSet>& doneNode, ResultLine& line) {
+FBM_STEP void FrameBufferManagerImpl::completeFrame(std::list<InFlightBufferSet>& doneNode, ResultLine& line) {
     InFlightBufferSet& done = doneNode.front();
     if (done.timestamp == 0) {
-        line.append(" => release bufferSet (TS: " + std::to_string(done.timestamp) + ")");
+        if (line.on()) line.append((" => release bufferSet (TS: " + std::to_string(done.timestamp) + ")").c_str());
         // Tied to the flag being false: a frame without timestamp is released either way, and
         // only losing one the selector may not recycle is an error.
         if (!done.trackParams->isRecyclable) {
