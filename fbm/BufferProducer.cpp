@@ -143,25 +143,6 @@ int32_t BufferProducer::getAllocatedBuffer(int32_t& out) const {
     return mHeapPool ? mHeapPool->getAllocatedBuffer(out) : 0;
 }
 
-int32_t BufferProducer::setBufferHeapPool(std::shared_ptr<BufferHeapPool> const& pool) {
-    bool idle;
-    {
-        LockGuard<Mutex> lk(mMapLock);
-        idle = mSbIndex.size() == 0;
-    }
-    if (idle) {
-        std::shared_ptr<BufferHeapPool> old;  // dropped after unlocking: it joins its worker
-        LockGuard<Mutex> lk(mHeapPoolLock);
-        old = std::move(mHeapPool);
-        setHeapPoolLocked(pool);
-        mInitialized = false;
-        return 0;
-    }
-    MY_LOGE("%s: previous pool still in-use)", toString().c_str());
-    dump();
-    return -EINVAL;
-}
-
 int32_t BufferProducer::acquireFromPool(char const* /*name*/, SbPtr& out, int64_t timeoutNs) {
     BufferHeapPool* const pool = mRequestPool.load(std::memory_order_acquire);
     if (!pool) {

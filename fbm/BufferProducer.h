@@ -18,7 +18,7 @@
 // re-entering releaseToPool of this or another producer on the same thread.
 //
 // Requests and releases reach the heap pool through mRequestPool, read without a lock: the heap
-// pool is set by configuration calls (initProducer, setBufferHeapPool) on the configuring thread,
+// pool is set by configuration calls (construction, initProducer) on the configuring thread,
 // which must not overlap a request on this producer.
 #include <atomic>
 #include <condition_variable>
@@ -70,9 +70,6 @@ public:
     int32_t setMaxBufferCount(int32_t& count) EXCLUDES(mMapLock);
     int32_t getMaxBuffer(int32_t& out) const EXCLUDES(mHeapPoolLock);
     int32_t getAllocatedBuffer(int32_t& out) const EXCLUDES(mHeapPoolLock);
-    // A new heap pool; refused (-22) while any buffer is out.
-    int32_t setBufferHeapPool(std::shared_ptr<BufferHeapPool> const& pool)
-        EXCLUDES(mHeapPoolLock, mMapLock);
     // A second stream buffer over the heap of `source` (one of ours), or empty.
     SbPtr shareSB(SbPtr const& source) EXCLUDES(mMapLock);
     // Gives every tracked heap back and forgets every buffer (they stay alive, untracked).
@@ -129,8 +126,8 @@ private:
     std::string mName;
     mutable Mutex mHeapPoolLock ACQUIRED_BEFORE(mMapLock);
     std::shared_ptr<IImageStreamInfo> mStreamInfo;
-    // Written by construction, initProducer and setBufferHeapPool (configuring thread, under the
-    // lock), always with mRequestPool.
+    // Written by construction and initProducer (configuring thread, under the lock), always
+    // with mRequestPool.
     std::shared_ptr<BufferHeapPool> mHeapPool GUARDED_BY(mHeapPoolLock);
     std::atomic<BufferHeapPool*> mRequestPool{nullptr};  // mHeapPool's, kept alive by it
     bool mInitialized GUARDED_BY(mHeapPoolLock) = false;
