@@ -111,6 +111,7 @@ inline int32_t BufferHeapPool::getBufferFromPool_l(char const* callerName, HeapP
                mAvailableBuf.size(), mInUseBuf.size());
     if (mAvailableBuf.empty()) return -ETIMEDOUT;
     mInUseBuf.splice(mInUseBuf.end(), mAvailableBuf, mAvailableBuf.begin());
+    mPeakInUse = std::max(mPeakInUse, mInUseBuf.size());
     out = std::move(mInUseBuf.back().heap);
     return 0;
 }
@@ -169,6 +170,7 @@ bool BufferHeapPool::waitForHeap(uint64_t seen, std::chrono::nanoseconds slice) 
         auto const left = deadline - std::chrono::steady_clock::now();
         if (left <= std::chrono::nanoseconds::zero()) {
             woken = false;
+            ++mSlicesWaited;
             break;
         }
         woken = mHeapWaitCond.waitFor(mHeapWaitLock, left);
@@ -241,6 +243,7 @@ void BufferHeapPool::workerLoop() {
                 LockGuard<Mutex> lk(mListLock);
                 if (mRetired) continue;  // made too late: let go, and the loop ends
                 mAvailableBuf.push_back({std::move(heap), address});
+                ++mMade;
                 // Announced before the lock goes: a request that took this heap and waits for
                 // another must not be woken by this one's late news.
                 heapAvailable();
@@ -384,6 +387,31 @@ bool BufferHeapPool::isPoolNeedRelease(int32_t& needRelease) {
     MY_LOGD("Pool(%s-%p) available(#%zu) inUse(#%zu) need decrease(%d) need release(%d)",
             mPoolName.c_str(), this, available, inUse, need, needRelease);
     return true;
+}
+
+BufferHeapPool::Stats BufferHeapPool::stats() const {
+    Stats s;
+    getMaxBuffer(s.max);
+    s.allocated = mAllocatedCount.load();
+    s.waiting = mHeapWaiters.load();
+    {
+        LockGuard<Mutex> lk(mListLock);
+        s.available = static_cast<int32_t>(mAvailableBuf.size());
+        s.inUse = static_cast<int32_t>(mInUseBuf.size());
+        s.peakInUse = static_cast<int32_t>(mPeakInUse);
+        // Every heap that became available was made or given back, and every one handed out is
+        // still out or was given back: so the acquire path counts nothing of its own.
+        s.served = mAvailableSeq.load() - mMade + mInUseBuf.size();
+        s.timeouts = mTimeouts;
+    }
+    LockGuard<Mutex> lk(mHeapWaitLock);
+    s.slicesWaited = mSlicesWaited;
+    return s;
+}
+
+void BufferHeapPool::noteTimeout() {
+    LockGuard<Mutex> lk(mListLock);
+    ++mTimeouts;
 }
 
 void BufferHeapPool::dumpPool() const {

@@ -78,6 +78,14 @@ public:
     // number of in-use heaps that must come back, when that is above 0.
     bool isPoolNeedRelease(int32_t& needRelease) EXCLUDES(mCountLock, mListLock);
     void dumpPool() const EXCLUDES(mSizingLock, mListLock);
+    // Its counts, each read under the lock that writes it (one lock at a time).
+    struct Stats {
+        int32_t max = 0, allocated = 0, available = 0, inUse = 0, waiting = 0, peakInUse = 0;
+        uint64_t served = 0, timeouts = 0, slicesWaited = 0;
+    };
+    Stats stats() const EXCLUDES(mCountLock, mListLock, mHeapWaitLock);
+    // A request through one of its producers ran out of its time-out.
+    void noteTimeout() EXCLUDES(mListLock);
     char const* poolName() const { return mPoolName.c_str(); }
 
     // Waiting for a heap, for the producers above. availableSeq() counts the heaps that became
@@ -116,6 +124,10 @@ private:
     std::list<Slot> mInUseBuf GUARDED_BY(mListLock);      // in acquisition order
     // Returns that log or free (a raised log level, retirement) take a second step: one test.
     bool mReturnSlowly GUARDED_BY(mListLock);
+    // Counts since the pool was made, kept under the lock their events already hold.
+    uint64_t mMade GUARDED_BY(mListLock) = 0;  // heaps the worker made
+    size_t mPeakInUse GUARDED_BY(mListLock) = 0;
+    uint64_t mTimeouts GUARDED_BY(mListLock) = 0;
     bool mInitialized GUARDED_BY(mSizingLock) = false;
     std::atomic<bool> mExit{false};
     // Set under mListLock (returned heaps are then freed) and mCountLock (the worker's waits).
@@ -145,8 +157,9 @@ private:
     // sequence, so a notifier that sees no waiter needs no lock.
     std::atomic<uint64_t> mAvailableSeq{0};
     std::atomic<int32_t> mHeapWaiters{0};
-    Mutex mHeapWaitLock;     // innermost: nothing is taken while it is held
+    mutable Mutex mHeapWaitLock;  // innermost: nothing is taken while it is held
     Condition mHeapWaitCond;  // a heap became available; with mHeapWaitLock
+    uint64_t mSlicesWaited GUARDED_BY(mHeapWaitLock) = 0;  // waits that ran their slice out
 };
 
 }  // namespace NSCam::v3::pipeline

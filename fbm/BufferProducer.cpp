@@ -164,6 +164,7 @@ int32_t BufferProducer::acquireFromPool(char const* /*name*/, SbPtr& out, int64_
         if ((nowUs - startUs) * 1000 > timeoutNs) {
             MY_LOGW("%s: cannot acquire from pool after timeout(%ld ns).", toString().c_str(),
                     static_cast<long>(timeoutNs));
+            pool->noteTimeout();
             return -EBUSY;
         }
         int32_t needRelease = 0;

@@ -9,6 +9,7 @@
 
 #include "FrameBufferManager.h"
 
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <sstream>
@@ -203,8 +204,13 @@ std::vector<std::shared_ptr<IImageStreamInfo>> FrameBufferManagerImpl::getPoolSt
 
 std::string FrameBufferManagerImpl::debuggeeName() const { return kDebuggeeName; }
 
-void FrameBufferManagerImpl::debug(IPrinter* printer, std::vector<std::string> const&) {
-    if (printer != nullptr) dumpState(*printer);
+void FrameBufferManagerImpl::debug(IPrinter* printer, std::vector<std::string> const& options) {
+    if (printer == nullptr) return;
+    dumpState(*printer);
+    // For people and tools: the same moment's state as key=value lines, after the usual text.
+    if (std::find(options.begin(), options.end(), "--state") != options.end()) {
+        printState(*printer, takeState());
+    }
 }
 
 }  // namespace NSCam::v3::pipeline

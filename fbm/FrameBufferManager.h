@@ -33,6 +33,7 @@
 #include <vector>
 
 #include <fbm/IFrameBufferManager.h>
+#include <fbm/IFrameBufferManagerState.h>
 #include <vexlor/Debuggee.h>
 #include <vexlor/IPrinter.h>
 #include <vexlor/ImageBufferHeap.h>
@@ -77,6 +78,9 @@ private:
 
 extern FreeMetaObject gFreeMetaObject;
 
+// The state as the dump's "--state" section: a heading, then one line per pool, stream and set.
+void printState(IPrinter& printer, FrameBufferManagerState const& state);
+
 // Lets go of one buffer on the calling thread. The image variant first gives the buffer back to
 // its owner (releaseToOwner); the handle must not be empty. The metadata variant only resets.
 void releaseBuffer(std::shared_ptr<IImageStreamBuffer>& buffer);
@@ -101,7 +105,8 @@ struct Allocator {
 class FrameBufferManagerImpl : public IFrameBufferManager,
                                public IPipelineFrameStreamBufferProvider,
                                public IPipelineFrameHalResultProcessor,
-                               public NSCam::IDebuggeeTarget {
+                               public NSCam::IDebuggeeTarget,
+                               public IFrameBufferManagerState {
 public:
     // Configuration records; immutable once stored, so a handle may be used without a lock.
     struct ConfigImageStream {
@@ -180,6 +185,8 @@ public:
     // IDebuggeeTarget
     std::string debuggeeName() const override;
     void debug(IPrinter* printer, std::vector<std::string> const& options) override;
+    // IFrameBufferManagerState
+    FrameBufferManagerState takeState() override;
 
     // The streams of one heap pool: those that share it, or the stream alone. A view of the pool
     // groups (it keeps them alive), so that asking for it allocates nothing.
@@ -193,6 +200,7 @@ public:
             return info && contains(info->streamId());
         }
         size_t size() const { return mGroup ? mGroup->size() : 1; }
+        StreamId_T key() const { return mGroup ? *mGroup->begin() : mSingle; }  // the smallest
         template <class F>
         void forEach(F&& f) const {
             if (!mGroup) return f(mSingle);
@@ -320,6 +328,11 @@ protected:
                            std::vector<std::shared_ptr<ConfigImageStream>>& replaced);
     int addPoolStreams(AddImageStreams const& group,
                        std::vector<std::shared_ptr<ConfigImageStream>>& replaced);
+    // The state's configuration part: streams, pools (with their heap pools' counts) and lines.
+    void takeConfigState(FrameBufferManagerState& state) EXCLUDES(mConfigLock, mConfigLogLock);
+    static FrameBufferManagerState::Pool poolStateOf(ConfigImageStream const& config);
+    // The counter tracks of a request's pool and of the ready list (the camera tag is on).
+    void traceOccupancy(ConfigImageStream const& config) EXCLUDES(mReadyLock);
     // Stores a configured image stream; a record it replaces goes to `replaced`.
     void storeImageStream(std::shared_ptr<ConfigImageStream> record,
                           std::vector<std::shared_ptr<ConfigImageStream>>& replaced)
@@ -353,6 +366,8 @@ protected:
     TimedMutex mReadyLock ACQUIRED_AFTER(mInSelectLock) ACQUIRED_BEFORE(mConfigLock);
     // Image handles on the ready list per pool, keyed by the pool's smallest stream id.
     std::map<StreamId_T, int32_t> mReadyStreamCounters GUARDED_BY(mReadyLock);
+    // History sets released to feed each pool since its configuration, keyed the same way.
+    std::map<StreamId_T, uint64_t> mReleasedUnderPressure GUARDED_BY(mReadyLock);
     int32_t mAcquireTimeoutMs;
     TimedMutex mInSelectLock;
     // The frames the running selection took, for the line of a selection that waits for it.

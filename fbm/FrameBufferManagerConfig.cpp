@@ -317,6 +317,13 @@ int FrameBufferManagerImpl::addImageStreams(AddImageStreams const& group) {
                         ? addProviderStreams(group, replaced)
                         : addPoolStreams(group, replaced);
     retireReplacedPools(replaced);
+    {
+        // The streams' pools are new: so are their counts.
+        LockGuard<TimedMutex> lk(mReadyLock);
+        for (auto const& info : group.infos) {
+            if (info) mReleasedUnderPressure.erase(info->streamId());
+        }
+    }
     return err;
 }
 

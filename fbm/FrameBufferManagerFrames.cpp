@@ -72,7 +72,10 @@ int FrameBufferManagerImpl::requestStreamBuffer(ImageStreamBufferCallback callba
     if (!config) return -EINVAL;
     RequestSource source;
     if (!chooseRequestSource(*config, request, source)) return -EINVAL;
-    if (NSCam::Utils::cameraTraceOn()) traceRequest(source.label, request);
+    if (NSCam::Utils::cameraTraceOn()) {
+        traceRequest(source.label, request);
+        traceOccupancy(*config);  // what the request finds
+    }
 
     std::shared_ptr<IImageStreamBuffer> buffer;
     int err = 0;

@@ -216,6 +216,7 @@ void FrameBufferManagerImpl::tryReleaseHistoryBufferSets(int64_t streamId, int c
                                                  images.begin(), images.end(),
                                                  [&](auto const& image) { return poolStreams.holds(image); }));
         }
+        if (!sets.empty()) mReleasedUnderPressure[poolStreams.key()] += sets.size();
     }
     if (count == 1) {
         if (!sets.empty()) {

@@ -164,6 +164,7 @@ TEST_F(ContractTest, CarelessCallsGetAClearAnswerAndLoseNothing) {
     host::StringPrinter printer;
     mManager->dumpConfigStreams(printer);
     EXPECT_TRUE(printer.contains("WARNING [configureImageStreams] two image streams with streamId:0x22"));
+    EXPECT_FALSE(printer.contains("two image streams with streamId:0x1"));  // distinct ones are not
 
     // A selection that waits a second for another says which frames that one took, once.
     auto sets = mManager->beginSelect();

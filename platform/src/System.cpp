@@ -79,6 +79,14 @@ extern "C" void atrace_end_body() {
     t.add({false, "", tid(), nowNs()});
 }
 
+extern "C" void atrace_int64_body(const char* name, int64_t value) {
+    auto& t = trace();
+    std::lock_guard<std::mutex> lk(t.lock);
+    t.add({false, name ? name : "", tid(), nowNs(), true, value});
+}
+
+extern "C" void atrace_int_body(const char* name, int32_t value) { atrace_int64_body(name, value); }
+
 namespace {
 std::atomic<int64_t> gWallClockStepNs{0};
 }  // namespace
@@ -135,6 +143,13 @@ size_t TraceRecorder::countBegins(std::string const& name) {
     size_t n = 0;
     for (auto const& e : events()) n += e.begin && e.name == name;
     return n;
+}
+std::vector<TraceEvent> TraceRecorder::counters(std::string const& name) {
+    std::vector<TraceEvent> out;
+    for (auto const& e : events()) {
+        if (e.counter && e.name == name) out.push_back(e);
+    }
+    return out;
 }
 
 }  // namespace vexlor::host

@@ -68,9 +68,11 @@ void resetWallClock();
 // ---- tracing -------------------------------------------------------------------------------
 struct TraceEvent {
     bool begin;
-    std::string name;  // empty for an end
+    std::string name;  // empty for an end; a counter track's name for a counter
     uint64_t tid;
     int64_t timeNs;    // steady clock
+    bool counter = false;  // a counter track's new value (atrace_int), neither begin nor end
+    int64_t value = 0;
 };
 class TraceRecorder {
 public:
@@ -78,6 +80,7 @@ public:
     static std::vector<TraceEvent> events();
     static void clear();
     static size_t countBegins(std::string const& name);
+    static std::vector<TraceEvent> counters(std::string const& name);  // one track's values, in order
     // While set, every event goes to the sink instead of being kept (a long run streams its trace
     // to a file). Called under the recorder's lock, one event at a time, on the tracing thread.
     static void setSink(std::function<void(TraceEvent const&)> sink);

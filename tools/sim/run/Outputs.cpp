@@ -112,8 +112,12 @@ void TraceWriter::start() {
         mFirst = false;
         char ts[32];
         std::snprintf(ts, sizeof ts, "%.3f", static_cast<double>(e.timeNs - mT0) / 1000.0);
-        out << "{\"ph\":\"" << (e.begin ? "B" : "E") << "\",\"pid\":1,\"tid\":" << e.tid << ",\"ts\":" << ts;
-        if (e.begin) {
+        // A counter track (a pool's occupancy, the ready list's length) is a "C" event whose
+        // argument is the track's value.
+        out << "{\"ph\":\"" << (e.counter ? "C" : e.begin ? "B" : "E") << "\",\"pid\":1,\"tid\":" << e.tid
+            << ",\"ts\":" << ts;
+        if (e.counter) out << ",\"args\":{\"value\":" << e.value << "}";
+        if (e.begin || e.counter) {
             // Names carry stream names, which may hold any character; a cut UTF-8 sequence is
             // replaced rather than written invalid.
             out << ",\"name\":"
