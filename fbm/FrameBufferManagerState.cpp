@@ -192,6 +192,11 @@ void FrameBufferManagerImpl::traceOccupancy(ConfigImageStream const& config) {
 
 }  // namespace NSCam::v3::pipeline
 
+extern "C" __attribute__((visibility("default"))) void printFrameBufferManagerState(
+    NSCam::IPrinter* printer, NSCam::v3::pipeline::FrameBufferManagerState const* state) {
+    if (printer != nullptr && state != nullptr) NSCam::v3::pipeline::printState(*printer, *state);
+}
+
 extern "C" __attribute__((visibility("default"))) void getFrameBufferManagerState(
     std::shared_ptr<NSCam::v3::pipeline::IFrameBufferManagerState>* out,
     std::shared_ptr<NSCam::v3::pipeline::IFrameBufferManager> const* manager) {

@@ -12,8 +12,11 @@
 #include <string>
 #include <vector>
 
+#include <fbm/IFrameBufferManagerState.h>
 #include <nlohmann/json.hpp>
+#include <vexlor/HostSeams.h>
 
+#include "FromDump.h"
 #include "SimRunner.h"
 
 namespace {
@@ -102,6 +105,22 @@ TEST(SimulatorFromDump, EveryShippedScenarioComesBackFromItsDump) {
                         if (stream.value("keep", false)) kept.insert(stream["id"].get<std::string>());
                 for (auto const& id : before[i].kept) EXPECT_EQ(kept.count(id), 1u) << id;
             }
+        }
+        // The state section reads back into the state it was printed from: printed again, it is
+        // the same text, line for line.
+        std::istringstream text(original.out);
+        auto const dumps = fbmsim::readDumps(text);
+        for (auto const& d : dumps) {
+            ASSERT_TRUE(d.hasState);
+            vexlor::host::StringPrinter again;
+            printFrameBufferManagerState(&again, &d.state);
+            std::vector<std::string> section;
+            std::istringstream lines(original.out.substr(original.out.find("<state> name=" + d.state.name + " ")));
+            for (std::string line; std::getline(lines, line) && (section.empty() || line.rfind("    ", 0) == 0);) {
+                section.push_back(line);
+            }
+            EXPECT_EQ(again.lines(), section);
+            EXPECT_FALSE(d.state.pools.empty());
         }
     }
 }

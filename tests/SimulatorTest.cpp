@@ -84,21 +84,23 @@ TEST(Simulator, DumpShowsConfigurationPoolsAndLists) {
     SimRun r = sim("-n 40 --dump");
     ASSERT_EQ(r.exitCode, 0);
     for (char const* s : {"<image streams>", "    [IMAGE-HAL-POOL    ]0x2:fullA", "<pool-shared streams>",
-                          "<image buffer pool>", "[dumpPool] Pool(shared-0x2-0x3-", "<ReadyList>",
-                          "mReadyStreamCounters: "}) {
+                          "<image buffer pool>", "<ReadyList>", "mReadyStreamCounters: ",
+                          "<state> name=fbm-sim:default acquireTimeoutMs=1500 ",
+                          "\n    pool shared-0x2-0x3 streams=0x2,0x3 heapBytes=18000000 max=7 "}) {
         EXPECT_NE(r.out.find(s), std::string::npos) << s;
     }
 }
 
-// A dump taken mid-run, as a bug report catches one: the selector's kept sets hold two of
-// capture's heaps at frame 20 and all three at 40, and each dump comes before the run's summary.
+// A dump taken mid-run, as a bug report catches one (a system dump with its state section): the
+// selector's kept sets hold two of capture's heaps at frame 20 and all three at 40, and each dump
+// comes before the run's summary.
 TEST(Simulator, DumpAtShowsThePoolsWhileFramesFlow) {
     SimRun r = sim("--scenario " FBM_SCENARIO_DIR "/starving.json -n 60 --result-threads 0 --dump-at 20 --dump-at 40");
     ASSERT_EQ(r.exitCode, 0) << r.out;
     size_t dumps = 0;
     for (size_t at = 0; (at = r.out.find("<image streams>", at)) != std::string::npos; ++at) ++dumps;
     EXPECT_EQ(dumps, 2u);
-    size_t const two = r.out.find("max(#3) min(#3) available(#1): "), three = r.out.find("available(#0): inUse(#3)");
+    size_t const two = r.out.find("allocated=3 available=1 inUse=2 "), three = r.out.find("allocated=3 available=0 inUse=3 ");
     ASSERT_NE(two, std::string::npos) << r.out;
     EXPECT_LT(two, three);
     EXPECT_LT(r.out.rfind("<ReadyList>"), r.out.find("fbm-sim: scenario \"starving\""));

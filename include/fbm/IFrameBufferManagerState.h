@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <fbm/IFrameBufferManager.h>
+#include <vexlor/IPrinter.h>
 
 namespace NSCam::v3::pipeline {
 
@@ -79,6 +80,12 @@ public:
 extern "C" void getFrameBufferManagerState(
     std::shared_ptr<NSCam::v3::pipeline::IFrameBufferManagerState>* out,
     std::shared_ptr<NSCam::v3::pipeline::IFrameBufferManager> const* manager);
+
+/// Prints `state` as the "--state" section of a dump: a heading line "<state> name=...", then one
+/// line of key=value tokens per pool, stream, in-flight set and ready set, the ready counters and
+/// the configuration lines, each indented by four blanks; ids in hexadecimal.
+extern "C" void printFrameBufferManagerState(
+    NSCam::IPrinter* printer, NSCam::v3::pipeline::FrameBufferManagerState const* state);
 
 namespace NSCam::v3::pipeline {
 

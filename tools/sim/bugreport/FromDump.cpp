@@ -58,7 +58,7 @@ std::vector<std::string> idsIn(std::string const& text) {
     return out;
 }
 
-enum class Section { None, Images, Metas, Groups, Other, InFlight, Ready };
+enum class Section { None, Images, Metas, Groups, Other, InFlight, Ready, State };
 
 }  // namespace
 
@@ -129,6 +129,115 @@ private:
 
 }  // namespace
 
+namespace {
+
+using State = NSCam::v3::pipeline::FrameBufferManagerState;
+
+template <class T>
+T numberOf(std::string const& text, size_t n, int base = 10) {
+    T v{};
+    char const* begin = text.data();
+    if (base == 16 && text.rfind("0x", 0) == 0) begin += 2;
+    auto const r = std::from_chars(begin, text.data() + text.size(), v, base);
+    if (r.ec != std::errc() || r.ptr != text.data() + text.size()) fail(n, "not a number, or out of range: " + text);
+    return v;
+}
+
+std::vector<NSCam::v3::pipeline::StreamId_T> idListOf(std::string const& text, size_t n) {
+    std::vector<NSCam::v3::pipeline::StreamId_T> ids;
+    std::istringstream parts(text);
+    for (std::string id; std::getline(parts, id, ',');) ids.push_back(numberOf<int64_t>(id, n, 16));
+    return ids;
+}
+
+// One line of a "--state" section into `state`; false when it is none of its lines. A line that
+// starts as one but does not parse whole is a cut dump: an error that says so.
+bool readStateLine(std::string const& line, size_t n, State& state) {
+    static std::regex const pool(
+        R"(    pool (.*) streams=(\S*) heapBytes=(-?\d+) max=(-?\d+) allocated=(-?\d+) available=(-?\d+) inUse=(-?\d+) )"
+        R"(waiting=(-?\d+) served=(\d+) timeouts=(\d+) slicesWaited=(\d+) releasedUnderPressure=(\d+) peakInUse=(-?\d+)$)");
+    static std::regex const stream(R"(    stream (0x[0-9a-f]+) attribute=(0x[0-9a-f]+) pool=(.*) name=(.*)$)");
+    static std::regex const set(
+        R"(    (inFlight|ready) F(\d+) R(\d+) timestamp=(-?\d+) remaining=(\d+) halImage=(\S*) halMeta=(\S*) appMeta=(\S*)$)");
+    static std::regex const kind(R"(    (pool|stream|inFlight|ready|readyCounters|config)\b)");
+    std::smatch m;
+    if (!std::regex_search(line, m, kind)) return false;
+    std::string const what = m[1];
+    auto const cut = [&] { fail(n, "a state line that does not parse whole (a cut dump?): " + line); };
+    if (what == "pool") {
+        if (!std::regex_search(line, m, pool)) cut();
+        State::Pool p;
+        p.name = m[1];
+        p.streams = idListOf(m[2], n);
+        p.heapBytes = numberOf<int64_t>(m[3], n);
+        p.max = numberOf<int32_t>(m[4], n);
+        p.allocated = numberOf<int32_t>(m[5], n);
+        p.available = numberOf<int32_t>(m[6], n);
+        p.inUse = numberOf<int32_t>(m[7], n);
+        p.waiting = numberOf<int32_t>(m[8], n);
+        p.served = numberOf<uint64_t>(m[9], n);
+        p.timeouts = numberOf<uint64_t>(m[10], n);
+        p.slicesWaited = numberOf<uint64_t>(m[11], n);
+        p.releasedUnderPressure = numberOf<uint64_t>(m[12], n);
+        p.peakInUse = numberOf<int32_t>(m[13], n);
+        state.pools.push_back(std::move(p));
+    } else if (what == "stream") {
+        if (!std::regex_search(line, m, stream)) cut();
+        state.streams.push_back({numberOf<int64_t>(m[1], n, 16), m[4], numberOf<uint32_t>(m[2], n, 16), m[3]});
+    } else if (what == "inFlight" || what == "ready") {
+        if (!std::regex_search(line, m, set)) cut();
+        State::Set s;
+        s.frameNo = numberOf<uint32_t>(m[2], n);
+        s.requestNo = numberOf<uint32_t>(m[3], n);
+        s.timestamp = numberOf<int64_t>(m[4], n);
+        s.remaining = numberOf<size_t>(m[5], n);
+        s.halImage = idListOf(m[6], n);
+        s.halMeta = idListOf(m[7], n);
+        s.appMeta = idListOf(m[8], n);
+        (what == "ready" ? state.ready : state.inFlight).push_back(std::move(s));
+    } else if (what == "readyCounters") {
+        std::istringstream entries(line.substr(static_cast<size_t>(m.position(0) + m.length(0))));
+        for (std::string entry; entries >> entry;) {
+            auto const eq = entry.find('=');
+            if (eq == std::string::npos) cut();
+            state.readyCounters[numberOf<int64_t>(entry.substr(0, eq), n, 16)] =
+                numberOf<int32_t>(entry.substr(eq + 1), n);
+        }
+    } else {
+        state.configLines.push_back(line.substr(static_cast<size_t>(m.position(0) + m.length(0)) + 1));
+    }
+    return true;
+}
+
+// The heading "<state> name=... acquireTimeoutMs=N inFlight=N|busy ready=N|busy".
+void readStateHeading(std::string const& line, size_t n, State& state) {
+    static std::regex const heading(R"(<state> name=(.*) acquireTimeoutMs=(-?\d+) inFlight=(\d+|busy) ready=(\d+|busy)$)");
+    std::smatch m;
+    if (!std::regex_search(line, m, heading)) fail(n, "a state heading that does not parse whole (a cut dump?): " + line);
+    state = State{};
+    state.name = m[1];
+    state.acquireTimeoutMs = numberOf<int32_t>(m[2], n);
+    state.inFlightTaken = m[3] != "busy";
+    state.readyTaken = m[4] != "busy";
+}
+
+// The pools of a dump with a state section are the state's: the heap pools made (sized), and
+// which stream draws from which.
+void poolsFromState(ManagerDump& d) {
+    d.pools.clear();
+    d.poolOf.clear();
+    for (auto const& p : d.state.pools) {
+        if (p.max > 0 || p.allocated > 0) d.pools[p.name] = {p.allocated, p.available, p.inUse};
+    }
+    for (auto const& s : d.state.streams) {
+        char id[32];
+        std::snprintf(id, sizeof id, "%#llx", static_cast<unsigned long long>(s.id));
+        if (!s.pool.empty()) d.poolOf.emplace_back(id, s.pool);
+    }
+}
+
+}  // namespace
+
 std::vector<ManagerDump> readDumps(std::istream& in, ReportLog* log) {
     // Found anywhere in a line: whatever prefix logcat or a system dump put before it.
     static std::regex const image(
@@ -161,6 +270,7 @@ std::vector<ManagerDump> readDumps(std::istream& in, ReportLog* log) {
         }
         logReader.read(line, n);
         if (line.find("<image streams>") != std::string::npos) {
+            if (section == Section::State) poolsFromState(dumps.back());
             if (section == Section::Images) {
                 fail(n, "a new dump starts inside the stream table of the dump of line " +
                             std::to_string(dumps.back().line) + ": that dump is cut");
@@ -172,6 +282,17 @@ std::vector<ManagerDump> readDumps(std::istream& in, ReportLog* log) {
         }
         if (dumps.empty()) continue;  // other services' output before the first dump
         ManagerDump& d = dumps.back();
+        if (line.find("<state> ") != std::string::npos) {
+            readStateHeading(line, n, d.state);
+            d.hasState = true;
+            section = Section::State;
+            continue;
+        }
+        if (section == Section::State) {
+            if (readStateLine(line, n, d.state)) continue;
+            section = Section::None;  // the section ends at the first line that is none of its
+            poolsFromState(d);
+        }
         if (line.find('<') != std::string::npos) {
             Section next = section;
             if (line.find("<meta streams>") != std::string::npos) next = Section::Metas;
@@ -194,11 +315,12 @@ std::vector<ManagerDump> readDumps(std::istream& in, ReportLog* log) {
         }
         // The pools dump themselves to the log: which stream draws from which heap pool, and
         // which heap pools exist (a deferred pool exists once triggered).
-        if (line.find("[dump] Producer(") != std::string::npos && std::regex_search(line, m, producer)) {
+        // (A dump with a state section takes its pools from there.)
+        if (!d.hasState && line.find("[dump] Producer(") != std::string::npos && std::regex_search(line, m, producer)) {
             d.poolOf.emplace_back(m[1], m[2]);
             continue;
         }
-        if (line.find("[dumpPool] Pool(") != std::string::npos && std::regex_search(line, m, pool)) {
+        if (!d.hasState && line.find("[dumpPool] Pool(") != std::string::npos && std::regex_search(line, m, pool)) {
             auto const count = [](std::string const& text) { return std::strtoll(text.c_str(), nullptr, 10); };
             d.pools[m[1]] = {count(m[2]), count(m[3]), count(m[4])};
             continue;
@@ -245,6 +367,7 @@ std::vector<ManagerDump> readDumps(std::istream& in, ReportLog* log) {
                 break;
         }
     }
+    if (section == Section::State) poolsFromState(dumps.back());
     if (in.bad()) throw DumpError("cannot be read to its end");
     if (dumps.empty()) throw DumpError("no frame buffer manager dump in it (no \"<image streams>\" line)");
     if (section == Section::Images) {

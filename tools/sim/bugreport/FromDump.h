@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include <fbm/IFrameBufferManagerState.h>
 #include <nlohmann/json.hpp>
 
 namespace fbmsim {
@@ -49,6 +50,10 @@ struct ManagerDump {
         int64_t max = 0, available = 0, inUse = 0;
     };
     std::map<std::string, HeapPool> pools;  // the heap pools the dump shows made, by name
+    // The dump's "--state" section, read whole when it has one: the pools above then come from it,
+    // not from log lines around the dump.
+    bool hasState = false;
+    NSCam::v3::pipeline::FrameBufferManagerState state;
 
     // Heaps of each pool in use that no ready or in-flight set holds: held by processing (the
     // selector's sets kept for a multi-frame feature), or by the pipeline.

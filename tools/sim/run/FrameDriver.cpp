@@ -67,6 +67,7 @@ bool Simulation::configure() {
     for (auto const& [key, value] : mOpt.props) host::setProperty(key, value);  // the command line wins
     createFrameBufferManager(&mManager, ("fbm-sim:" + mSc.name).c_str());
     if (!mManager) return false;
+    mState = stateOf(mManager);
     mProvider = mManager->getPipelineFrameBufferProvider();
     mProcessor = mManager->getPipelineFrameResultProcessor();
 
@@ -95,16 +96,10 @@ bool Simulation::configure() {
     mManager->beginConfigure();
     int const err = mManager->configureStreams(cfg);
     mManager->endConfigure();
-    for (auto const& info : mManager->getPoolStreamInfo()) {
-        std::string name = info->streamName();
-        for (auto const& g : mSc.sharedGroups) {
-            if (g.size() < 2 || std::find(g.begin(), g.end(), info->streamId()) == g.end()) continue;
-            name = "shared";
-            for (int64_t id : std::set<int64_t>(g.begin(), g.end())) name += "-" + toHexString(id);
+    for (auto const& s : mState->takeState().streams) {
+        if (!s.pool.empty() && bufferSourceOf(s.attribute) == eBUFFER_SOURCE_POOL) {
+            mPoolNames.insert(s.pool);
         }
-        auto const& c = *std::find_if(mSc.images.begin(), mSc.images.end(),
-                                      [&](ImageStreamCfg const& i) { return i.id == info->streamId(); });
-        if (c.source == Source::Pool) mPoolNames.insert(name);
     }
     return err == 0;
 }
@@ -237,6 +232,7 @@ void Simulation::end() {
     mForgotten.reset();  // dropped without releaseToOwner: its producer keeps tracking it
     mProvider.reset();
     mProcessor.reset();
+    mState.reset();  // it shares the manager's ownership
     mManager.reset();
 }
 

@@ -18,38 +18,24 @@ void Simulation::sample(uint32_t f) {
     SeriesRow row;
     row.frame = f;
     row.seconds = std::chrono::duration<double>(Clock::now() - mStart).count();
-    row.readyList = readyListLength();
+    auto const state = mState->takeState();
+    row.readyList = state.ready.size();
     row.residentMb = residentMb();
     row.heapBytes = host::HeapFactory::totalMemory().bytes;
-    for (auto const& [name, o] : host::HeapFactory::occupancy()) {
-        if (mPoolNames.count(name) != 0) row.pools[name] = {o.alive, o.alive - o.idle};
+    for (auto const& p : state.pools) {
+        if (mPoolNames.count(p.name) != 0) row.pools[p.name] = {p.allocated, p.inUse};
     }
     mR.series.push_back(std::move(row));
 }
 
 void Simulation::dumpState() {
-    // The pools dump themselves to the log: show those lines too, under their heading. The log's
-    // capture and switches are the process's: pipelines dumping at once would clear each other's
-    // lines, so one dumps at a time.
-    static std::mutex oneAtATime;
-    std::lock_guard<std::mutex> lk(oneAtATime);
-    using NSCam::Utils::ULog::ULogger;
-    uint32_t const level = ULogger::sDetailsLevel, mask = ULogger::sNormalDetailsMask, mode = ULogger::sMode;
-    host::LogCapture::setCapturing(true);
-    host::LogCapture::clear();
-    host::setULogSwitches(std::max<uint32_t>(level, 3), mask | 0x207000, mode | 1);
+    // What a system dump with "--state" prints: the usual text, then the state section (the pools
+    // themselves dump to the log, where --logcat shows them).
     host::StringPrinter printer;
     mManager->dumpState(printer);
-    host::setULogSwitches(level, mask, mode);
-    auto const logged = host::LogCapture::androidLines();
-    host::LogCapture::setCapturing(false);
-    for (auto const& l : printer.lines()) {
-        mDumpOut << l << "\n";
-        if (l != "<image buffer pool>") continue;
-        for (auto const& a : logged) {
-            if (a.text.rfind("[dump]", 0) == 0 || a.text.rfind("[dumpPool]", 0) == 0) mDumpOut << "    " << a.text << "\n";
-        }
-    }
+    auto const state = mState->takeState();
+    printFrameBufferManagerState(&printer, &state);
+    for (auto const& l : printer.lines()) mDumpOut << l << "\n";
 }
 
 void Simulation::gatherMemory() {

@@ -51,16 +51,5 @@ void Simulation::selectOnce(bool final) {
     mManager->endSelect();
 }
 
-size_t Simulation::readyListLength() {
-    host::StringPrinter printer;
-    mManager->dumpBufferState(printer);
-    size_t n = 0;
-    bool inReady = false;
-    for (auto const& l : printer.lines()) {
-        if (l == "<ReadyList>") inReady = true;
-        else if (inReady && l.rfind("    [R", 0) == 0) ++n;
-    }
-    return n;
-}
 
 }  // namespace fbmsim::detail

@@ -30,6 +30,7 @@
 
 #include <cutils/trace.h>
 #include <fbm/IFrameBufferManager.h>
+#include <fbm/IFrameBufferManagerState.h>
 #include <vexlor/HostSeams.h>
 #include <vexlor/ULog.h>
 
@@ -120,7 +121,6 @@ private:
     void selectorLoop();
     void selectOnce(bool final);
     void sample(uint32_t f);
-    size_t readyListLength();
     void dumpState();
     void gatherMemory();
     void progress(uint32_t f, bool done);
@@ -131,12 +131,13 @@ private:
     std::mt19937_64 mRng;  // the requesting thread's
     RunReport mR;
     std::shared_ptr<IFrameBufferManager> mManager;
+    std::shared_ptr<IFrameBufferManagerState> mState;  // the manager's state side
     std::shared_ptr<IPipelineFrameStreamBufferProvider> mProvider;
     std::shared_ptr<IPipelineFrameHalResultProcessor> mProcessor;
     std::shared_ptr<SimProvider> mStreamProvider = std::make_shared<SimProvider>();
     std::vector<Image> mImages;
     std::vector<Meta> mMetas;
-    std::set<std::string> mPoolNames;  // heap names of the pools (streams' or groups' allocations)
+    std::set<std::string> mPoolNames;  // the pools of POOL streams (streams' or groups' allocations)
     SbPtr mForgotten;                  // --inject-leak
     std::vector<std::unique_ptr<Worker>> mWorkers;
     std::mt19937_64 mDispatchRng{0};
