@@ -53,13 +53,13 @@ TEST_F(ManagerLifecycleTest, WithoutRegistryCreationAndDestructionStillWork) {
 }
 
 TEST_F(ManagerLifecycleTest, NameAndProperties) {
-    EXPECT_EQ(makeManager(nullptr)->mName, "");
-    EXPECT_EQ(makeManager("cam0")->mName, "cam0");
-    EXPECT_EQ(makeManager()->mAcquireTimeoutMs, 1500);
+    EXPECT_EQ(makeManager(nullptr)->takeState().name, "");
+    EXPECT_EQ(makeManager("cam0")->takeState().name, "cam0");
+    EXPECT_EQ(makeManager()->takeState().acquireTimeoutMs, 1500);
     host::setProperty("vendor.debug.camera.pipeline.fbm.acquire.timeout", 500);
     host::setProperty("vendor.debug.camera.log.pipeline.fbm", 3);
     auto m = makeManager();
-    EXPECT_EQ(m->mAcquireTimeoutMs, 500);
+    EXPECT_EQ(m->takeState().acquireTimeoutMs, 500);
     EXPECT_EQ(m->mLogLevel, 3);
     EXPECT_EQ(m->debuggeeName(), "NSCam::v3::IFrameBufferManager");
 }

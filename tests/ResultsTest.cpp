@@ -335,8 +335,7 @@ TEST_F(ResultsTest, CloneSkipsImagesOfStreamsWithoutAPool) {
               1u);
     // Kept from a result, such an image is not shared either: no ready counter counts it.
     keptFrame(2, 200, kRuntime);
-    NSCam::LockGuard<NSCam::TimedMutex> lk(mManager->mReadyLock);
-    for (auto const& [key, n] : mManager->mReadyStreamCounters) EXPECT_EQ(n, 0) << key;
+    for (auto const& [key, n] : mManager->readyCounters()) EXPECT_EQ(n, 0) << key;
 }
 
 TEST_F(ResultsTest, ACloneSharesEachImageAndCopiesEachMetadataInOrder) {

@@ -188,15 +188,12 @@ TEST_F(StressTest, ConcurrentFramesSelectionDumpsAndPoolControlLoseNothing) {
     watchdog.reset();
 
     EXPECT_TRUE(mManager->peekInflights().empty());
-    {   // the per-pool counters agree with the ready list
-        NSCam::LockGuard<NSCam::TimedMutex> lk(mManager->mReadyLock);
+    {   // the per-pool counters agree with the ready list, in one snapshot
+        auto const state = mManager->takeState();
         std::map<StreamId_T, int32_t> expected;
-        for (auto const& set : mManager->mReadyList)
-            for (auto const& image : set.halImage)
-                ++expected[*mManager->getPoolStreams(image->streamInfoOf()->streamId()).begin()];
-        for (auto const& [key, n] : mManager->mReadyStreamCounters) {
-            EXPECT_EQ(n, expected[key]) << "pool " << key;
-        }
+        for (auto const& set : state.ready)
+            for (StreamId_T id : set.halImage) ++expected[*mManager->getPoolStreams(id).begin()];
+        for (auto const& [key, n] : state.readyCounters) EXPECT_EQ(n, expected[key]) << "pool " << key;
     }
     std::cout << "stress: " << kFrames << " frames, " << mRequests << " requests (" << mTimeouts
               << " timed out), " << mResults << " result batches, " << mSelections << " selections, "

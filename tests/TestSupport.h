@@ -169,7 +169,8 @@ inline MetaPtr makeMeta(std::shared_ptr<IMetaStreamInfo> const& info, int64_t va
     return Utils::makeHalMetaStreamBuffer({info, &m});
 }
 
-// The manager with its internals readable by tests.
+// The manager, with the locks a test may hold to stand for another thread, and what its state
+// does not show (the settings it read, the configuration lines' list).
 class TestManager : public FrameBufferManagerImpl {
 public:
     using FrameBufferManagerImpl::FrameBufferManagerImpl;
@@ -178,23 +179,15 @@ public:
     using FrameBufferManagerImpl::mInFlightLock;
     using FrameBufferManagerImpl::mInSelectLock;
     using FrameBufferManagerImpl::mLogLevel;
-    using FrameBufferManagerImpl::mName;
-    using FrameBufferManagerImpl::mReadyList;
     using FrameBufferManagerImpl::mReadyLock;
-    using FrameBufferManagerImpl::mReadyStreamCounters;
-    using FrameBufferManagerImpl::mAcquireTimeoutMs;
 
-    // The ready list's frame numbers and counters, read under the lock.
+    // The ready list's frame numbers and counters, from the state.
     std::vector<uint32_t> readyFrames() {
-        NSCam::LockGuard<NSCam::TimedMutex> lk(mReadyLock);
         std::vector<uint32_t> out;
-        for (auto const& s : mReadyList) out.push_back(s.frameNo);
+        for (auto const& s : takeState().ready) out.push_back(s.frameNo);
         return out;
     }
-    std::map<StreamId_T, int32_t> readyCounters() {
-        NSCam::LockGuard<NSCam::TimedMutex> lk(mReadyLock);
-        return mReadyStreamCounters;
-    }
+    std::map<StreamId_T, int32_t> readyCounters() { return takeState().readyCounters; }
 };
 
 inline std::shared_ptr<TestManager> makeManager(char const* name = "test") {
