@@ -43,30 +43,49 @@ int main() {
         keep->halImage = {0x1};
         keep->halMeta = {0x100};
         keep->isRecyclable = true;  // may be released to feed a starving pool
-        fbm->trackFrameResult({frame, frame, keep});
+        IFrameBufferManager::TrackFrameResult track;  // records are filled by name: their orders differ
+        track.frameNo = frame;
+        track.requestNo = frame;
+        track.trackParams = keep;
+        fbm->trackFrameResult(track);
 
         // 3. A buffer per image stream; blocks up to the acquire time-out when the pool is empty.
         std::shared_ptr<IImageStreamBuffer> image;
-        err = provider->requestStreamBuffer([&](auto const& b) { image = b; },
-                                            {frame, frame, preview});
+        IPipelineFrameStreamBufferProvider::RequestStreamBuffer request;
+        request.requestNo = frame;
+        request.frameNo = frame;
+        request.pStreamInfo = preview;
+        err = provider->requestStreamBuffer([&](auto const& b) { image = b; }, request);
         if (err != 0) break;
 
         // 4. Results in batches. The manager keeps its own handle of the tracked buffers; the
         //    pipeline lets go of its own once done with it.
         std::vector<std::shared_ptr<IImageStreamBuffer>> images{image};
-        results->returnResult({frame, frame, 1000 * frame, false, nullptr, &images, nullptr, nullptr});
+        IPipelineFrameHalResultProcessor::ReturnResult batch;
+        batch.requestNo = frame;
+        batch.frameNo = frame;
+        batch.timestamp = 1000 * frame;  // the first positive one is the frame's
+        batch.halImage = &images;        // the manager keeps a buffer of each tracked image
+        results->returnResult(batch);
         image->releaseToOwner();
         NSCam::IMetadata md;
         std::vector<std::shared_ptr<IMetaStreamBuffer>> metas{
             Utils::makeHalMetaStreamBuffer({halMeta, &md})};
-        results->returnResult({frame, frame, 0, false, nullptr, nullptr, &metas, nullptr});
+        IPipelineFrameHalResultProcessor::ReturnResult metadata;
+        metadata.requestNo = frame;
+        metadata.frameNo = frame;
+        metadata.halMeta = &metas;  // a private copy of each tracked buffer is kept
+        results->returnResult(metadata);
     }
 
     // 5. A selector: the whole ready list, oldest first. The newest goes back to the ready list,
     //    the others are released.
     auto sets = fbm->beginSelect();
     size_t const ready = sets.size();
-    for (auto& set : sets) fbm->returnUnselectedSet({set, &set == &sets.back()});
+    for (auto& set : sets) {
+        IHistoryBufferProvider::ReturnUnselectedSet back{set, /*keep=*/&set == &sets.back()};
+        fbm->returnUnselectedSet(std::move(back));
+    }
     fbm->endSelect();
 
     // 6. Teardown: what the manager still keeps goes back to its pools when the last handle goes.

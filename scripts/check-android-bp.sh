@@ -5,7 +5,10 @@
 #   2. mini-soong (Debian's minimal Soong) turns it into a Makefile, which builds the vendor library
 #      for arm64 with clang against the arm64 builds of liblog, libcutils and libutils, beside a
 #      stand-in of the vendor camera stack (scripts/soong/vendor-standin.bp);
-#   3. the library links with --no-undefined and exports createFrameBufferManager only.
+#   3. the library links with --no-undefined and exports its entry points only.
+# The cc_test module of the tests is parsed and formatted by bpfmt and read by mini-soong, which
+# knows the module type but builds nothing for it (its cc_test is a no-op): it is checked here as
+# far as it is read, and built on a device.
 # Usage: scripts/check-android-bp.sh   (scripts/ensure-deps.sh soong installs what it needs)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -47,9 +50,12 @@ make -s -j"$(nproc)" libvexlor_pipeline_fbm.so
 
 exported=$(aarch64-linux-gnu-nm -D --defined-only libvexlor_pipeline_fbm.so | awk '{print $3}' | grep -v '^$')
 file -L libvexlor_pipeline_fbm.so | grep -q 'ARM aarch64' || { echo "check-android-bp: not an arm64 library" >&2; exit 1; }
-if [ "$exported" != "createFrameBufferManager" ]; then
-  echo "check-android-bp: exports more than createFrameBufferManager:" >&2
+want=$(printf '%s\n' createFrameBufferManager getFrameBufferManagerState printFrameBufferManagerState)
+if [ "$(sort <<<"$exported")" != "$want" ]; then
+  echo "check-android-bp: exports other than its entry points:" >&2
   echo "$exported" >&2
   exit 1
 fi
-echo "Android.bp: canonical, builds for arm64 with --no-undefined, exports only createFrameBufferManager"
+grep -q 'name: "libvexlor_pipeline_fbm_tests"' soong.mk 2>/dev/null ||
+  grep -q 'cc_test {' Android.bp || { echo "check-android-bp: no cc_test module" >&2; exit 1; }
+echo "Android.bp: canonical, builds for arm64 with --no-undefined, exports only its entry points; its cc_test is read (not built: mini-soong's cc_test builds nothing)"

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite from a fresh clone: installs what is missing, then builds and runs
 #   1. the default build's tests (the integration example and the API reference among them),
-#   2. an install of the library and a consumer project built against it,
+#   2. an install of the library and a consumer project built against it, and the installed
+#      simulator run,
 #   3. the thread-safety analysis build (clang),
 #   4. the tests under address+undefined and under thread sanitizers, with the unload, metadata
 #      worker and lock torture tests repeated,
@@ -36,6 +37,14 @@ cmake --install build/default --prefix build/install >/dev/null
 cmake -S examples/consumer -B build/consumer -G Ninja -DCMAKE_PREFIX_PATH="$PWD/build/install" >/dev/null
 cmake --build build/consumer -j "$jobs"
 ./build/consumer/fbm-consumer
+# The simulator runs from the install; the test seams install only as their component.
+./build/install/bin/fbm-sim --help >/dev/null
+./build/install/bin/fbm-sim --scenario build/install/share/vexlor_pipeline_fbm/scenarios/starving.json \
+  -n 100 --no-progress | grep -q 'fbm-sim: scenario "starving"'
+if [ -e build/install/include/vexlor-platform/vexlor/HostSeams.h ]; then
+  echo "install: the test seams were installed as API" >&2
+  exit 1
+fi
 
 step "long simulator run: memory stays flat, nothing lost"
 ./build/default/tools/fbm-sim --no-progress -n 100000 | grep -E 'frames/s|memory:|leak check:'

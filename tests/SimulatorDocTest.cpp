@@ -1,11 +1,14 @@
 // The scenario page of the docs against the parser: every key, its range and its default.
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "Scenario.h"
+#include "SimRunner.h"
 
 namespace {
 
@@ -106,6 +109,30 @@ TEST(SimulatorDoc, EveryScenarioKeyIsDescribedAsTheParserReadsIt) {
         EXPECT_EQ(refusal(explicitDefault), "");
         EXPECT_TRUE(fbmsim::parseScenarios(base) == fbmsim::parseScenarios(explicitDefault));
     }
+}
+
+// Every option `--help` lists, of the run and of each subcommand, is on the page.
+TEST(SimulatorDoc, EveryOptionOfTheHelpIsDescribed) {
+    std::ifstream in(FBM_DOCS_DIR "/simulator.md");
+    std::string const page((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    size_t options = 0;
+    for (auto const& command : std::vector<std::vector<std::string>>{{}, {"plan"}, {"replay"}, {"from-dump"}}) {
+        auto args = command;
+        args.push_back("--help");
+        auto const help = simtest::runSim(args);
+        ASSERT_EQ(help.exitCode, 0) << help.out;
+        std::istringstream lines(help.out);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.rfind("  -", 0) != 0) continue;
+            auto const at = line.find("--");
+            std::string const option = line.substr(at, line.find_first_of(" \t", at) - at);
+            if (option == "--help") continue;
+            ++options;
+            EXPECT_NE(page.find("`" + option), std::string::npos) << "fbm-sim " << (command.empty() ? "" : command[0])
+                                                                  << ": " << option << " is not in docs/simulator.md";
+        }
+    }
+    EXPECT_GT(options, 20u);
 }
 
 }  // namespace

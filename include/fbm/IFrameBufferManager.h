@@ -46,7 +46,8 @@ public:
 /// The image streams of the HAL side of each frame: where their buffers come from.
 class IPipelineFrameStreamBufferProvider {
 public:
-    /// One request for a buffer of one stream.
+    /// One request for a buffer of one stream. Fields in the order {requestNo, frameNo, ...}, as
+    /// ReturnResult and unlike TrackFrameResult: fill it by field name.
     struct RequestStreamBuffer {
         uint32_t requestNo = 0;  ///< the request being served
         uint32_t frameNo = 0;    ///< the frame being served
@@ -72,7 +73,9 @@ public:
 /// The results of each frame, in batches.
 class IPipelineFrameHalResultProcessor {
 public:
-    /// One batch of a frame's results. The lists are the caller's; each may be null.
+    /// One batch of a frame's results. The lists are the caller's; each may be null. Fields in the
+    /// order {requestNo, frameNo, ...}, as RequestStreamBuffer and unlike TrackFrameResult and
+    /// HistoryBufferSet: fill it by field name (the layout is fixed).
     struct ReturnResult {
         uint32_t requestNo = 0;  ///< the request the frame served
         uint32_t frameNo = 0;    ///< the frame
@@ -107,7 +110,8 @@ std::string toString(TrackFrameResultParams const& params);
 /// The manager, as the pipeline configures and controls it. Made by createFrameBufferManager.
 class IFrameBufferManager : public IHistoryBufferProvider {
 public:
-    /// A frame and what it keeps.
+    /// A frame and what it keeps. Fields in the order {frameNo, requestNo, ...}, as
+    /// HistoryBufferSet and unlike RequestStreamBuffer and ReturnResult: fill it by field name.
     struct TrackFrameResult {
         uint32_t frameNo = 0;    ///< the frame
         uint32_t requestNo = 0;  ///< the request it serves

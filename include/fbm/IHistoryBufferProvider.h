@@ -21,6 +21,8 @@ struct TrackFrameResultParams;
 class IHistoryBufferProvider {
 public:
     /// One completed frame's kept buffers. Copying shares every handle; moving empties the source.
+    /// Fields in the order {frameNo, requestNo, ...}, as TrackFrameResult and unlike
+    /// RequestStreamBuffer and ReturnResult.
     struct HistoryBufferSet {
         uint32_t frameNo = 0;    ///< the frame's number
         uint32_t requestNo = 0;  ///< the request the frame served

@@ -99,6 +99,35 @@ bool installLogHook() {
 }
 bool const gLogHookInstalled = installLogHook();  // at load, before any library above logs
 
+// VEXLOR_LOG=error|warning|info|debug (or 1 to 5): a host user's one switch to see the library's
+// lines of that level and above on standard error, logcat-like. It stands for what a device sets
+// with the unified logger's switches; the objects' own debug levels stay properties
+// (VEXLOR_PROPERTIES).
+uint32_t levelOf(char const* text) {
+    static struct {
+        char const* name;
+        uint32_t level;
+    } const kNames[] = {{"error", 1}, {"warning", 2}, {"info", 3}, {"debug", 5}};
+    for (auto const& n : kNames)
+        if (std::strcmp(text, n.name) == 0) return n.level;
+    char* end = nullptr;
+    long const v = std::strtol(text, &end, 10);
+    return (end != text && *end == '\0' && v >= 1 && v <= 5) ? static_cast<uint32_t>(v) : 0;
+}
+bool logFromEnvironment() {
+    char const* text = std::getenv("VEXLOR_LOG");
+    uint32_t const level = text ? levelOf(text) : 0;
+    if (level == 0) {
+        if (text != nullptr) std::fprintf(stderr, "VEXLOR_LOG=%s: use error, warning, info or debug\n", text);
+        return false;
+    }
+    NSCam::Utils::ULog::ULogger::sDetailsLevel = level;
+    NSCam::Utils::ULog::ULogger::sNormalDetailsMask = 0x207000;  // the pipeline's modules
+    NSCam::Utils::ULog::ULogger::sMode = NSCam::Utils::ULog::ULogger::sMode | NSCam::Utils::ULog::kModeAndroid;
+    gEcho = true;
+    return true;
+}
+
 }  // namespace
 
 namespace NSCam::Utils::ULog {
@@ -107,6 +136,9 @@ LogSwitch ULogger::sDetailsLevel{2};
 LogSwitch ULogger::sNormalDetailsMask{0};
 LogSwitch ULogger::sMode{9};
 std::atomic<ULogger*> ULogger::sULogger{&gCapturingULogger};
+namespace {
+bool const gLogFromEnvironment = logFromEnvironment();  // after the switches' own defaults
+}  // namespace
 
 void ulogFormatWrite(char const* tag, uint32_t level, char const* fmt, ...) {
     char buf[1024];
