@@ -36,25 +36,6 @@ TEST_F(ConfigurationTest, AttributeAndTrackParamsTexts) {
     EXPECT_EQ(toString(p), "{ .halImage=[ 1a 2b ] .halMeta=[ ] .appMeta=[ 7 ] .isRecyclable=1 }");
 }
 
-TEST_F(ConfigurationTest, PoolStreamsAreTheStreamsOfTheHeapPoolsMade) {
-    auto m = makeManager();
-    EXPECT_EQ(m->getPoolStreams(5), (std::set<StreamId_T>{5}));  // no groups configured
-
-    // 3 and 9 share; 9 is taken by then, so 11 is alone; 4 and 5 cannot share (sizes differ).
-    IFrameBufferManager::ConfigureStreams cfg;
-    cfg.sharedGroups = std::make_shared<std::vector<std::set<StreamId_T>>>(
-        std::vector<std::set<StreamId_T>>{{3, 9}, {9, 11}, {4, 5}});
-    for (StreamId_T id : {3, 9, 11, 4, 5}) {
-        cfg.imageStreams.push_back({imageInfo({.id = id, .w = id == 5 ? 320 : 640, .max = 1, .min = 0}),
-                                    eHAL_IMAGE_POOL, nullptr});
-    }
-    ASSERT_EQ(m->configureStreams(cfg), 0);
-    EXPECT_EQ(m->getPoolStreams(9), (std::set<StreamId_T>{3, 9}));
-    EXPECT_EQ(m->getPoolStreams(11), (std::set<StreamId_T>{11}));
-    EXPECT_EQ(m->getPoolStreams(4), (std::set<StreamId_T>{4}));
-    EXPECT_EQ(m->getPoolStreams(5), (std::set<StreamId_T>{5}));
-}
-
 TEST_F(ConfigurationTest, MetaStreamsReplaceByIdAndAreDumpedInIdOrder) {
     auto m = makeManager();
     m->beginConfigure();

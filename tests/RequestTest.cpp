@@ -226,6 +226,11 @@ TEST_F(RequestTest, GroupsThatCannotShareAreSetUpOneByOne) {
     EXPECT_EQ(mManager->queryConfigImageStream(0x52)->allocInfo->planeLayout()[1].sizeInBytes, 640u * 480 / 2);
     EXPECT_EQ(heaps["y1"].heaps, 1);
     EXPECT_EQ(heaps["y2"].heaps, 1);
+    // A pool's streams are those of a heap pool made: a group that could not share is none.
+    EXPECT_EQ(mManager->getPoolStreams(0x31), (std::set<StreamId_T>{0x31}));
+    EXPECT_EQ(mManager->getPoolStreams(0x10), (std::set<StreamId_T>{0x10}));
+    EXPECT_EQ(mManager->getPoolStreams(0x21), (std::set<StreamId_T>{0x20, 0x21}));
+    EXPECT_EQ(mManager->getPoolStreams(0x51), (std::set<StreamId_T>{0x50, 0x51, 0x52}));
     {
         // Members that cannot share keep a pool each: y1's only heap out, y2 is served at once.
         auto [e1, y1] = request(0x30, 1, mManager->queryConfigImageStream(0x30)->info);
