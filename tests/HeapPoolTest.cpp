@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <latch>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -265,17 +266,26 @@ TEST_F(HeapPoolTest, FailingAllocatorIsRetriedAfterGrowingPausesUntilItSucceeds)
     }
 }
 
-TEST_F(HeapPoolTest, ATargetRaisedWhileTheWorkerWaitsToShedIsHeld) {
+TEST_F(HeapPoolTest, ATargetRaisedAsTheWorkerGoesToShedIsHeld) {
     host::setProperty("vendor.debug.camera.log.pipeline.fbm.pool", 1);
     std::vector<HeapPtr> all;
     auto pool = exhaustedPool(3, all);
     ASSERT_TRUE(waitForLine("updateBufferCount: [pool] done (3)"));
     host::LogCapture::clear();
-    int32_t one = 1, three = 3;
+    // Raised on the worker's own thread, once it has read the lowered target and before it waits
+    // for a heap to shed: no heap comes back to wake it, so it must see the raise by itself.
+    std::atomic<bool> fired{false};
+    std::latch raised(1);
+    host::LogCapture::setLineHook([&](std::string const& line) {
+        if (line.find("updateBufferCount: current max(3) target(1)") == std::string::npos || fired.exchange(true)) return;
+        int32_t three = 3;
+        pool->updateMaxBuffer(three);
+        raised.count_down();
+    });
+    int32_t one = 1;
     pool->updateMaxBuffer(one);
-    ASSERT_TRUE(waitForLine("updateBufferCount: current max(3) target(1)"));  // about to wait
-    pool->updateMaxBuffer(three);
-    EXPECT_TRUE(waitForLine("updateBufferCount: [pool] done (3)"));  // woken, nothing shed
+    raised.wait();
+    EXPECT_TRUE(waitForLine("updateBufferCount: [pool] done (3)"));  // nothing shed
     for (auto& h : all) ASSERT_EQ(pool->releaseToPool("c", std::move(h)), 0);
     EXPECT_EQ(availableCount(*pool), 3);
     EXPECT_EQ(host::HeapFactory::created(), 3);
