@@ -68,7 +68,9 @@ TEST(SimulatorReplay, EveryShippedScenarioStarvesTheSameStreamsAgain) {
             EXPECT_TRUE(has(r, starved.empty() ? "verdict: no stall" : "verdict: stall reproduced")) << r.out;
             if (!starved.empty()) {
                 sawStall = true;
-                EXPECT_TRUE(has(r, "recommendation:\n  ")) << r.out;  // the pool maximum that ends it
+                // every starving pool's maximum, sized together, that ends it
+                EXPECT_TRUE(has(r, "recommendation, every pool together (replayed with these maximums, no pool starves):\n  "))
+                    << r.out;
             }
         }
     }
@@ -97,8 +99,11 @@ TEST(SimulatorReplay, AFieldReportIsRebuiltFromItsEvidenceAndReplayed) {
         EXPECT_NE(note.find(said), std::string::npos) << said << "\n" << note;
     }
 
-    r = runSim({{"replay", report, "-n", "200", "--result-threads", "0"}, {}, std::chrono::seconds(300)});
+    r = runSim({{"replay", report, "-n", "200"}, {}, std::chrono::seconds(300)});
     ASSERT_EQ(r.exitCode, 0) << r.out;
+    // Judged on runs that repeat their counts, so every replay of the report gives this verdict.
+    EXPECT_TRUE(has(r, "judged on runs with results on the requesting thread: every count, and so the verdict, repeats"))
+        << r.out;
     EXPECT_TRUE(has(r, "recorded frames 100 to 109 in its log; the dump at frame 109\n")) << r.out;
     EXPECT_TRUE(has(r, "0x10     capture            30.0")) << r.out;
     EXPECT_TRUE(has(r, "2 of 2         2 of 2\n")) << r.out;

@@ -385,6 +385,15 @@ int main(int argc, char** argv) {
             opt.props.emplace_back(kAcquireTimeoutProperty, 20);
             std::cout << "fbm-sim replay: acquire time-out 20 ms: the report does not show it (--prop to change it)\n";
         }
+        // One report, one verdict: results on the requesting thread make every run of the replay
+        // (the fit's, the replay's, the plan's) repeat its counts exactly, so the verdict repeats.
+        if (threadsText.empty()) opt.resultThreads = 0;
+        std::cout << (opt.resultThreads == 0
+                          ? "fbm-sim replay: judged on runs with results on the requesting thread: every count, "
+                            "and so the verdict, repeats for a seed\n"
+                          : "fbm-sim replay: judged on runs with " + std::to_string(opt.resultThreads) +
+                                " result threads: counts vary from run to run, and the verdict with them (leave "
+                                "--result-threads out for a repeatable one)\n");
         replayed = runReplay(replay, opt, std::cout, process);
     } else {
         process = runSimulations(pipelines, opt, std::cout);
@@ -434,13 +443,20 @@ int main(int argc, char** argv) {
         else failed(error);
     }
     if (replaying && !replayed.vary.empty() && replay.pipelines.size() == 1) {
-        // The smallest maximum that ends the stall, with its memory, from the replayed scenario.
-        std::cout << "\nplanning the starving pool" << (replayed.vary.size() == 1 ? "" : "s") << " of the replay:\n";
+        // The maximums that end the stall, every starving pool sized together: a pool given more
+        // heaps may pass the stall on to another.
+        std::cout << "\nplanning the starving pools of the replay together, "
+                  << (opt.resultThreads > 0 ? "3 runs a round (seeds from the replay's): a pool starving in any starves"
+                                            : "one run a round")
+                  << ":\n";
         opt.dumpAt.clear();
         opt.traceFile.clear();
         opt.seriesFile.clear();
         opt.plotFile.clear();
-        if (plan(replay.pipelines.front(), opt, planOpt, replayed.vary, "", "", true, terminal) != 0) written = false;
+        opt.progress = opt.progressLines = false;
+        std::vector<std::string> streams;
+        for (auto const& v : replayed.vary) streams.push_back(v.substr(0, v.rfind('=')));
+        printJointPlan(planTogether(replay.pipelines.front(), opt, streams), std::cout);
     }
     std::cout.flush();
     if (!std::cout) return kExitLost;  // the report itself could not be written

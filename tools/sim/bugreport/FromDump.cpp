@@ -349,7 +349,11 @@ std::vector<ManagerDump> readDumps(std::istream& in, ReportLog* log) {
                 break;
             case Section::InFlight:
             case Section::Ready:
-                if (line.find("]TS:") != std::string::npos && std::regex_search(line, m, set)) {
+                if (line.find("]TS:") != std::string::npos && !std::regex_search(line, m, set)) {
+                    // A set line that ends early: the dump was cut mid-line (a full buffer, a
+                    // truncated report). Its set is not read, and the reader is told.
+                    d.cut.push_back("line " + std::to_string(n) + ": a set line cut short, not read: " + line);
+                } else if (line.find("]TS:") != std::string::npos) {
                     ManagerDump::Set s;
                     auto const number = [&](std::string const& text, uint64_t& out) {
                         auto const r = std::from_chars(text.data(), text.data() + text.size(), out);
@@ -436,6 +440,7 @@ nlohmann::ordered_json scenarioOf(ManagerDump const& d, std::string const& name,
     if (d.ready.empty() && d.inFlight.empty() && heldSets == 0) {
         guessed.push_back("no set was in the dump: no stream is kept");
     }
+    for (auto const& cut : d.cut) guessed.push_back("the dump is cut: " + cut);
 
     json s;
     s["name"] = name;
@@ -626,7 +631,8 @@ int fromDumpMain(int argc, char** argv) {
     for (size_t i = 0; i < dumps.size(); ++i) {
         std::cerr << "  " << i + 1 << ". from-dump-" << i + 1 << " at line " << dumps[i].line << ": "
                   << dumps[i].images.size() << " image streams, " << dumps[i].metas.size() << " meta streams, "
-                  << dumps[i].ready.size() << " ready sets\n";
+                  << dumps[i].ready.size() << " ready sets" << (dumps[i].cut.empty() ? "" : ", cut") << "\n";
+        for (auto const& cut : dumps[i].cut) std::cerr << "     the dump is cut: " << cut << "\n";
     }
 
     nlohmann::ordered_json out;

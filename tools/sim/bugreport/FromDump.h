@@ -53,6 +53,7 @@ struct ManagerDump {
     // The dump's "--state" section, read whole when it has one: the pools above then come from it,
     // not from log lines around the dump.
     bool hasState = false;
+    std::vector<std::string> cut;  // lines of it cut short ("line N: ..."), read as far as they go
     NSCam::v3::pipeline::FrameBufferManagerState state;
 
     // Heaps of each pool in use that no ready or in-flight set holds: held by processing (the

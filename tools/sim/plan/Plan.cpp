@@ -234,6 +234,83 @@ void printPlan(std::vector<PlanResult> const& results, Scenario const& s, Option
     }
 }
 
+JointPlan planTogether(Scenario const& scenario, Options const& base, std::vector<std::string> const& streams) {
+    JointPlan plan;
+    auto poolNamed = [&](std::string const& stream) -> JointPool& {
+        auto const pool = poolOf(scenario, stream);
+        for (auto& p : plan.pools) {
+            if (std::find(p.poolStreams.begin(), p.poolStreams.end(), stream) != p.poolStreams.end()) return p;
+        }
+        JointPool p;
+        p.stream = pool.front()->name;
+        for (auto const* c : pool) {
+            p.poolStreams.push_back(c->name);
+            p.configured = std::max(p.configured, static_cast<int>(c->maxBuffers));
+        }
+        p.recommended = p.configured;
+        plan.pools.push_back(std::move(p));
+        return plan.pools.back();
+    };
+    for (auto const& s : streams) poolNamed(s);
+    for (;;) {
+        Scenario trial = scenario;
+        std::string round;
+        for (auto const& p : plan.pools) {
+            trial = withMaximum(trial, poolOf(trial, p.stream), p.recommended);
+            round += (round.empty() ? "" : ", ") + p.stream + " " + std::to_string(p.recommended);
+        }
+        // Results from threads vary from run to run: a pool that starves in any of 3 seeds starves.
+        std::vector<std::string> starving;  // a pool once, by its first stream's name
+        for (int run = 0; run < (base.resultThreads > 0 ? 3 : 1); ++run) {
+            Options opt = base;
+            opt.seed = base.seed + static_cast<uint64_t>(run);
+            std::ostringstream ignored;
+            RunReport const r = runSimulation(trial, opt, ignored);
+            for (auto const& st : r.streams) {
+                if (st.source != Source::Pool || (st.timeouts == 0 && st.slowWaits == 0)) continue;
+                std::string const name = poolNamed(st.name).stream;
+                if (std::find(starving.begin(), starving.end(), name) == starving.end()) starving.push_back(name);
+            }
+            for (auto const& m : r.memory) {
+                for (auto& p : plan.pools)
+                    if (std::find(m.streams.begin(), m.streams.end(), p.stream) != m.streams.end()) p.heapBytes = m.heapBytes;
+            }
+        }
+        std::string what;
+        for (auto const& name : starving) what += (what.empty() ? "" : ", ") + name;
+        plan.rounds.push_back(round + ": " + (starving.empty() ? "no pool starves" : what + " starve" + (starving.size() == 1 ? "s" : "")));
+        if (starving.empty()) {
+            plan.clean = true;
+            return plan;
+        }
+        for (auto const& name : starving) {
+            JointPool& p = poolNamed(name);
+            if (p.recommended >= static_cast<int>(kMaxBuffers)) return plan;  // no larger maximum to try
+            ++p.recommended;
+        }
+    }
+}
+
+void printJointPlan(JointPlan const& plan, std::ostream& out) {
+    for (auto const& round : plan.rounds) out << "  " << round << "\n";
+    if (!plan.clean) {
+        out << "recommendation: none; a pool reached the largest maximum (" << kMaxBuffers << ") still starving\n";
+        return;
+    }
+    out << "recommendation, every pool together (replayed with these maximums, no pool starves):\n";
+    char line[256];
+    for (auto const& p : plan.pools) {
+        int const more = p.recommended - p.configured;
+        std::snprintf(line, sizeof line, "  %s: maximum %d (configured %d)%s%s\n", p.stream.c_str(), p.recommended,
+                      p.configured, more > 0 ? ", " : ": enough as configured",
+                      more > 0 ? (std::to_string(more) + " more buffer" + (more == 1 ? "" : "s") + " cost " +
+                                  bytesText(static_cast<int64_t>(more) * p.heapBytes))
+                                     .c_str()
+                               : "");
+        out << line;
+    }
+}
+
 void writePlanData(std::vector<PlanResult> const& results, std::ostream& out) {
     for (auto const& r : results) {
         out << "max\ttimeouts\tslowWaits\tp99Us\tpipelinePeakMiB\tpoolPeakMiB\n";

@@ -56,6 +56,25 @@ std::vector<PlanResult> runPlan(Scenario const& scenario, Options const& base, P
 void printPlan(std::vector<PlanResult> const& results, Scenario const& scenario, Options const& base,
                PlanOptions const& plan, std::ostream& out);
 
+// Sizing every starving pool together: a pool given more heaps can pass the stall to another (a
+// bigger capture pool lets frames reach preview's). From the given streams' pools, each round runs
+// the scenario with the maximums so far and gives one more heap to every pool that still starves
+// (time-outs or 10 ms waits), adding pools that start to starve, until a run is clean or a pool is
+// at the largest maximum.
+struct JointPool {
+    std::string stream;  // the pool's first stream, which names it
+    std::vector<std::string> poolStreams;
+    int configured = 0, recommended = 0;
+    int64_t heapBytes = 0;
+};
+struct JointPlan {
+    std::vector<JointPool> pools;  // in the order they were found starving
+    std::vector<std::string> rounds;  // one line per run: the maximums and what starved
+    bool clean = false;               // the last run, with the recommended maximums, starved nothing
+};
+JointPlan planTogether(Scenario const& scenario, Options const& base, std::vector<std::string> const& streams);
+void printJointPlan(JointPlan const& plan, std::ostream& out);
+
 // The plot's data: one block per varied stream (gnuplot's index), one line per maximum.
 void writePlanData(std::vector<PlanResult> const& results, std::ostream& out);
 // Time-outs and p99 latency, and peak memory, against the maximum; `data` is the quoted data file.

@@ -242,28 +242,48 @@ bool PlotWriter::prepare(std::string const& pngPath, std::string const& seriesPa
 
 bool PlotWriter::render(RunReport const& r, std::string& error) {
     std::set<std::string> names;
-    for (auto const& row : r.series)
-        for (auto const& [name, v] : row.pools) names.insert(name);
+    int64_t mostHeaps = 1, mostSets = 1;
+    for (auto const& row : r.series) {
+        for (auto const& [name, v] : row.pools) {
+            names.insert(name);
+            mostHeaps = std::max({mostHeaps, v.first, v.second});
+        }
+        mostSets = std::max(mostSets, static_cast<int64_t>(row.readyList));
+    }
+    // A pool is shown by the streams that draw from it; heaps and sets count in whole numbers.
+    auto streamsOf = [&](std::string const& pool) {
+        for (auto const& m : r.memory) {
+            if (m.heapName != pool || m.streams.empty()) continue;
+            std::string text;
+            for (auto const& s : m.streams) text += (text.empty() ? "" : "+") + s;
+            return text;
+        }
+        return pool;
+    };
+    auto wholeTics = [](int64_t most) {
+        return "set ytics " + std::to_string(std::max<int64_t>(1, (most + 4) / 5)) + "\nset format y '%.0f'\n";
+    };
     std::string const data = gnuplotQuoted(mSeries);
     std::string gp = "set datafile separator '\\t'\n";
     gp += "set key outside right\nset offsets 0, 0, 1, 0\nset yrange [0:*]\n";
     gp += "set multiplot layout 3,1 title " +
           gnuplotQuoted("fbm-sim: " + printable(r.scenario) + ", " + std::to_string(r.frames) + " frames") + "\n";
-    gp += "set title 'heaps in use per heap pool (dashed: allocated)'\nset xlabel 'frame'\nset ylabel 'heaps'\n";
+    gp += "set title 'heaps in use per pool, by its streams (dashed: allocated)'\nset xlabel 'frame'\nset ylabel 'heaps'\n";
+    gp += wholeTics(mostHeaps);
     gp += "plot ";
     int col = 6, i = 0;
     for (auto const& n : names) {
         if (i) gp += ", ";
         gp += data + " using 1:" + std::to_string(col + 1) + " with lines lw 2 lc " + std::to_string(i + 1) +
-              " title " + gnuplotQuoted(printable(n) + " in use") + ", '' using 1:" + std::to_string(col) +
+              " title " + gnuplotQuoted(printable(streamsOf(n)) + " in use") + ", '' using 1:" + std::to_string(col) +
               " with lines dt 2 lc " + std::to_string(i + 1) + " notitle";
         col += 3;
         ++i;
     }
     if (names.empty()) gp += "0 notitle";
-    gp += "\nset title 'history sets on the ready list'\nset ylabel 'sets'\n";
+    gp += "\nset title 'history sets on the ready list'\nset ylabel 'sets'\n" + wholeTics(mostSets);
     gp += "plot " + data + " using 1:3 with lines lw 2 title 'ready list'\n";
-    gp += "set title 'bytes of all heaps alive (MiB)'\nset ylabel 'MiB'\n";
+    gp += "set title 'bytes of all heaps alive (MiB)'\nset ylabel 'MiB'\nset ytics autofreq\nset format y '%g'\n";
     gp += "plot " + data + " using 1:5 with lines lw 2 title 'heaps alive'\nunset multiplot\n";
 
     return renderScript(gp, 1100, error);
