@@ -332,7 +332,7 @@ protected:
     void takeConfigState(FrameBufferManagerState& state) EXCLUDES(mConfigLock, mConfigLogLock);
     static FrameBufferManagerState::Pool poolStateOf(ConfigImageStream const& config);
     // The counter tracks of a request's pool and of the ready list (the camera tag is on).
-    void traceOccupancy(ConfigImageStream const& config) EXCLUDES(mReadyLock);
+    __attribute__((cold, noinline)) void traceOccupancy(ConfigImageStream const& config) EXCLUDES(mReadyLock);
     // Stores a configured image stream; a record it replaces goes to `replaced`.
     void storeImageStream(std::shared_ptr<ConfigImageStream> record,
                           std::vector<std::shared_ptr<ConfigImageStream>>& replaced)
