@@ -266,6 +266,10 @@ protected:
     // False (with its line) for an attribute no source serves.
     bool chooseRequestSource(ConfigImageStream const& config, RequestStreamBuffer const& request,
                              RequestSource& source) const;
+    // A pool's or a HAL provider's buffer takes the request's stream info, after the callback.
+    void giveRequestInfo(RequestSource const& source, ConfigImageStream const& config,
+                         std::shared_ptr<IImageStreamInfo> const& reqInfo,
+                         std::shared_ptr<IImageStreamBuffer> const& buffer) const;
     int takeFromPool(ConfigImageStream const& config, RequestStreamBuffer const& request,
                      std::shared_ptr<IImageStreamBuffer>& buffer) const;
     int requestFromProvider(ConfigImageStream const& config, RequestStreamBuffer const& request,

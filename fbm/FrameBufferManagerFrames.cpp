@@ -84,7 +84,7 @@ int FrameBufferManagerImpl::requestStreamBuffer(ImageStreamBufferCallback callba
     switch (source.kind) {
         case RequestSource::Pool:
             err = takeFromPool(*config, request, buffer);
-            callback(buffer);
+            callback(buffer);  // whatever came, a null buffer included
             break;
         case RequestSource::HalProvider:
         case RequestSource::AppProvider:
@@ -96,19 +96,25 @@ int FrameBufferManagerImpl::requestStreamBuffer(ImageStreamBufferCallback callba
             callback(buffer);
             break;
     }
-    // A pooled buffer always carries the stream info of the request that took it. One from the
-    // pool was made with the stream's own info: when that is the request's, there is nothing to do.
-    bool const ownInfo = source.kind == RequestSource::Pool && reqInfo.get() == config->info.get();
-    bool const adopt = source.kind == RequestSource::Pool || source.kind == RequestSource::HalProvider;
-    if (adopt && buffer && !ownInfo && buffer->streamInfoOf().get() != reqInfo.get()) {
-        buffer->setStreamInfo(reqInfo);
-    }
+    giveRequestInfo(source, *config, reqInfo, buffer);
     if (err != 0 || !buffer) {
         MY_LOGE("[requestNo:%u frameNo:%u] err:%d(%s) %s", request.requestNo, request.frameNo, err,
                 errText(-err).c_str(),
                 (toString(config->attribute) + config->info->describe()).c_str());
     }
     return err;
+}
+
+FBM_STEP void FrameBufferManagerImpl::giveRequestInfo(RequestSource const& source, ConfigImageStream const& config,
+                                                      std::shared_ptr<IImageStreamInfo> const& reqInfo,
+                                                      std::shared_ptr<IImageStreamBuffer> const& buffer) const {
+    // A pooled buffer always carries the stream info of the request that took it. One from the
+    // pool was made with the stream's own info: when that is the request's, there is nothing to do.
+    bool const ownInfo = source.kind == RequestSource::Pool && reqInfo.get() == config.info.get();
+    bool const adopt = source.kind == RequestSource::Pool || source.kind == RequestSource::HalProvider;
+    if (adopt && buffer && !ownInfo && buffer->streamInfoOf().get() != reqInfo.get()) {
+        buffer->setStreamInfo(reqInfo);
+    }
 }
 
 FBM_STEP bool FrameBufferManagerImpl::chooseRequestSource(ConfigImageStream const& config,
