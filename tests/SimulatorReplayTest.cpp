@@ -99,7 +99,7 @@ TEST(SimulatorReplay, AFieldReportIsRebuiltFromItsEvidenceAndReplayed) {
         EXPECT_NE(note.find(said), std::string::npos) << said << "\n" << note;
     }
 
-    r = runSim({{"replay", report, "-n", "200"}, {}, std::chrono::seconds(300)});
+    r = runSim({{"replay", report, "-n", "200", "--result-threads", "0"}, {}, std::chrono::seconds(300)});
     ASSERT_EQ(r.exitCode, 0) << r.out;
     // Judged on runs that repeat their counts, so every replay of the report gives this verdict.
     EXPECT_TRUE(has(r, "judged on runs with results on the requesting thread: every count, and so the verdict, repeats"))
@@ -109,6 +109,8 @@ TEST(SimulatorReplay, AFieldReportIsRebuiltFromItsEvidenceAndReplayed) {
     EXPECT_TRUE(has(r, "2 of 2         2 of 2\n")) << r.out;
     EXPECT_TRUE(has(r, "ready list at the dump: recorded 1, replayed ")) << r.out;
     EXPECT_TRUE(has(r, "verdict: stall reproduced: capture starves")) << r.out;
+    EXPECT_TRUE(has(r, "planning the starving pools of the replay together, with results on the requesting thread"))
+        << r.out;
     EXPECT_TRUE(has(r, "  capture: maximum 3 (configured 2)")) << r.out;
 }
 

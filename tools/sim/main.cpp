@@ -444,10 +444,14 @@ int main(int argc, char** argv) {
     }
     if (replaying && !replayed.vary.empty() && replay.pipelines.size() == 1) {
         // The maximums that end the stall, every starving pool sized together: a pool given more
-        // heaps may pass the stall on to another.
-        std::cout << "\nplanning the starving pools of the replay together, "
-                  << (opt.resultThreads > 0 ? "3 runs a round (seeds from the replay's): a pool starving in any starves"
-                                            : "one run a round")
+        // heaps may pass the stall on to another. Sized for results that come back from threads,
+        // as a device's do (the stall moves on only there), unless told otherwise.
+        if (threadsText.empty()) opt.resultThreads = 2;
+        std::cout << "\nplanning the starving pools of the replay together, with "
+                  << (opt.resultThreads > 0 ? std::to_string(opt.resultThreads) +
+                                                  " result threads, 3 runs a round (seeds from the replay's): a pool "
+                                                  "starving in any starves"
+                                            : std::string("results on the requesting thread, one run a round"))
                   << ":\n";
         opt.dumpAt.clear();
         opt.traceFile.clear();
