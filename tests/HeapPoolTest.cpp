@@ -272,19 +272,20 @@ TEST_F(HeapPoolTest, ATargetRaisedAsTheWorkerGoesToShedIsHeld) {
     auto pool = exhaustedPool(3, all);
     ASSERT_TRUE(waitForLine("updateBufferCount: [pool] done (3)"));
     host::LogCapture::clear();
-    // Raised on the worker's own thread, once it has read the lowered target and before it waits
-    // for a heap to shed: no heap comes back to wake it, so it must see the raise by itself.
+    // The worker stops once it has read the lowered target, before it waits for a heap to shed;
+    // the target is raised then: no heap comes back to wake it, so it must see the raise itself.
     std::atomic<bool> fired{false};
-    std::latch raised(1);
+    std::latch reached(1), raised(1);
     host::LogCapture::setLineHook([&](std::string const& line) {
         if (line.find("updateBufferCount: current max(3) target(1)") == std::string::npos || fired.exchange(true)) return;
-        int32_t three = 3;
-        pool->updateMaxBuffer(three);
-        raised.count_down();
+        reached.count_down();
+        raised.wait();
     });
-    int32_t one = 1;
+    int32_t one = 1, three = 3;
     pool->updateMaxBuffer(one);
-    raised.wait();
+    reached.wait();
+    pool->updateMaxBuffer(three);
+    raised.count_down();
     EXPECT_TRUE(waitForLine("updateBufferCount: [pool] done (3)"));  // nothing shed
     for (auto& h : all) ASSERT_EQ(pool->releaseToPool("c", std::move(h)), 0);
     EXPECT_EQ(availableCount(*pool), 3);
