@@ -175,8 +175,9 @@ protected:
         sb->releaseToOwner();  // the pipeline is done with its own buffer
     }
     // Every buffer let go: the pipeline's own (`held`, released to their owners and dropped), and
-    // every set, selected and released; then every heap must be back in its heap pool and no
-    // stream buffer may live on.
+    // every set, selected and released; then no producer may track a stream buffer (its dump
+    // line is the only place that shows it), no stream buffer may live on, and every heap must
+    // be back in its heap pool.
     void releaseEverythingAndCheck(std::initializer_list<SbPtr*> held = {}) {
         for (SbPtr* sb : held) {
             (*sb)->releaseToOwner();
@@ -195,6 +196,7 @@ protected:
             }
         }
         EXPECT_EQ(host::StreamBufferFactory::imageAlive(), 0);
+        for (auto const& pool : mManager->takeState().pools) EXPECT_EQ(pool.inUse, 0) << pool.name;
     }
 
     std::shared_ptr<TestManager> mManager;
