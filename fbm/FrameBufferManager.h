@@ -43,7 +43,8 @@
 #include "BufferProducer.h"
 
 // The frame path reads as named steps, most called from one place. They are folded back into
-// their caller, so that the steps cost what one body did (bench/profile.sh counts it).
+// their caller, so that the steps cost what one body did (bench/profile.sh counts it); their
+// declarations say inline, as they are defined only where they are called.
 #define FBM_STEP __attribute__((always_inline)) inline
 
 namespace NSCam::v3::pipeline {
@@ -264,14 +265,14 @@ protected:
         char const* label;  // of trace markers
     };
     // False (with its line) for an attribute no source serves.
-    bool chooseRequestSource(ConfigImageStream const& config, RequestStreamBuffer const& request,
-                             RequestSource& source) const;
+    inline bool chooseRequestSource(ConfigImageStream const& config, RequestStreamBuffer const& request,
+                                    RequestSource& source) const;
     // A pool's or a HAL provider's buffer takes the request's stream info, after the callback.
-    void giveRequestInfo(RequestSource const& source, ConfigImageStream const& config,
-                         std::shared_ptr<IImageStreamInfo> const& reqInfo,
-                         std::shared_ptr<IImageStreamBuffer> const& buffer) const;
-    int takeFromPool(ConfigImageStream const& config, RequestStreamBuffer const& request,
-                     std::shared_ptr<IImageStreamBuffer>& buffer) const;
+    inline void giveRequestInfo(RequestSource const& source, ConfigImageStream const& config,
+                                std::shared_ptr<IImageStreamInfo> const& reqInfo,
+                                std::shared_ptr<IImageStreamBuffer> const& buffer) const;
+    inline int takeFromPool(ConfigImageStream const& config, RequestStreamBuffer const& request,
+                            std::shared_ptr<IImageStreamBuffer>& buffer) const;
     int requestFromProvider(ConfigImageStream const& config, RequestStreamBuffer const& request,
                             bool halProvider, ImageStreamBufferCallback&& callback,
                             std::shared_ptr<IImageStreamBuffer>& buffer) const;
@@ -280,21 +281,21 @@ protected:
     class ResultLine;
     // Keeps the result's tracked buffers in its frame's set; returns the set's node when the
     // frame is complete (empty otherwise).
-    std::list<InFlightBufferSet> keepTrackedBuffers(ReturnResult const& result, ResultLine& line)
+    inline std::list<InFlightBufferSet> keepTrackedBuffers(ReturnResult const& result, ResultLine& line)
         EXCLUDES(mInFlightLock, mConfigLock);
-    void keepTrackedImages(std::vector<std::shared_ptr<IImageStreamBuffer>>& list,
-                           InFlightBufferSet& set, ResultLine& line) REQUIRES(mInFlightLock);
-    void keepTrackedMetas(std::vector<std::shared_ptr<IMetaStreamBuffer>>* list,
-                          std::set<StreamId_T> const& tracked, InFlightBufferSet& set,
-                          std::vector<std::shared_ptr<IMetaStreamBuffer>>& out, ResultLine& line)
+    inline void keepTrackedImages(std::vector<std::shared_ptr<IImageStreamBuffer>>& list,
+                                  InFlightBufferSet& set, ResultLine& line) REQUIRES(mInFlightLock);
+    inline void keepTrackedMetas(std::vector<std::shared_ptr<IMetaStreamBuffer>>* list,
+                                 std::set<StreamId_T> const& tracked, InFlightBufferSet& set,
+                                 std::vector<std::shared_ptr<IMetaStreamBuffer>>& out, ResultLine& line)
         REQUIRES(mInFlightLock);
     // False (with its line) when the set already received a buffer of the stream.
-    bool receiveOnce(InFlightBufferSet& set, StreamId_T streamId, char const* kind)
+    inline bool receiveOnce(InFlightBufferSet& set, StreamId_T streamId, char const* kind)
         REQUIRES(mInFlightLock);
     bool warnReceivedAgain(InFlightBufferSet const& set, StreamId_T streamId, char const* kind) const;
-    void releaseUntracked(ReturnResult const& result, ResultLine& line);
+    inline void releaseUntracked(ReturnResult const& result, ResultLine& line);
     // A complete frame: released when it has no timestamp, otherwise onto the ready list.
-    void completeFrame(std::list<InFlightBufferSet>& done, ResultLine& line)
+    inline void completeFrame(std::list<InFlightBufferSet>& done, ResultLine& line)
         EXCLUDES(mReadyLock, mInFlightLock, mConfigLock);
 
     // The ready list's tie-breaks: a completed frame goes in front of sets with its timestamp,
