@@ -108,6 +108,8 @@ TEST_F(ContractTest, ASetGivenBackKeptTwiceIsReadyOnce) {
     EXPECT_EQ(mManager->readyFrames(), (std::vector<uint32_t>{1}));
     EXPECT_EQ(mManager->readyCounters()[kPreview], 1);
     EXPECT_EQ(androidCount("[returnUnselectedSet] [R1001 F1] already in ReadyList: released"), 2u);
+    auto const pools = mManager->takeState().pools;  // the ready set's heap is still out
+    EXPECT_EQ(std::find_if(pools.begin(), pools.end(), [](auto const& p) { return p.name == "preview"; })->inUse, 1);
     releaseEverythingAndCheck();  // the clone's buffers went, the kept set's stayed
 }
 
