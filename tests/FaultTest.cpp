@@ -104,6 +104,18 @@ TEST_F(FaultTest, KeptOrClonedImageNotMadeKeepsNothingAndLosesNoHeap) {
 
 // A kept metadata is copied from its source while read-locked, and the lock is let go before the
 // platform wraps the copy: a producer waiting to write the source is not held up by that.
+// A sharing group's one allocation info cannot be made: the camera stack is broken, a fatal stop.
+TEST_F(FaultTest, ASharedAllocationInfoNotMadeIsFatal) {
+    for (auto fail : {&host::StreamInfoFactory::failNextBuilder, &host::StreamInfoFactory::failNextBuild}) {
+        EXPECT_DEATH(
+            {
+                fail(1);
+                mManager->configureStreams(standardConfig());
+            },
+            "\\[evaluateSharedAllocStreamInfo:line-[0-9]+\\] Never happen\\.\\.\\.");
+    }
+}
+
 TEST_F(FaultTest, KeptMetadataIsCopiedUnderTheReadLockAndWrappedAfterIt) {
     configure();
     track(1, {}, {kHalMeta});

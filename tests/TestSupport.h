@@ -57,6 +57,8 @@ protected:
         host::HeapFactory::setRecordCalls(false);
         host::HeapFactory::setCreateHook(nullptr);
         host::StreamBufferFactory::failNextImage(0);
+        host::StreamInfoFactory::failNextBuilder(0);
+        host::StreamInfoFactory::failNextBuild(0);
         host::StreamBufferFactory::handOutAgain(nullptr);
         host::StreamBufferFactory::failNextMeta(0);
         host::StreamBufferFactory::failNextMetaLock(0);

@@ -107,10 +107,13 @@ private:
     size_t mMax, mMin;
 };
 
+std::atomic<int> gFailBuilder{0}, gFailBuild{0};
+
 class HostBuilder : public IImageStreamInfoBuilder {
 public:
     explicit HostBuilder(ImageStreamInfoParams p) : mP(std::move(p)) {}
     std::shared_ptr<IImageStreamInfo> build() const override {
+        if (takeFailure(gFailBuild)) return nullptr;
         return std::make_shared<HostImageStreamInfo>(mP);
     }
     void setStreamName(std::string const& name) override { mP.name = name; }
@@ -126,7 +129,7 @@ private:
 }  // namespace
 
 std::unique_ptr<IImageStreamInfoBuilder> makeImageStreamInfoBuilder(IImageStreamInfo const* info) {
-    if (info == nullptr) return nullptr;
+    if (info == nullptr || takeFailure(gFailBuilder)) return nullptr;
     ImageStreamInfoParams p;
     if (auto host = dynamic_cast<HostImageStreamInfo const*>(info)) {
         p = host->params();
@@ -595,6 +598,8 @@ void HeapFactory::setCreateHook(std::function<void()> hook) { heapStats().hook.s
 int64_t StreamBufferFactory::imageAlive() { return gImageAlive.load(); }
 int64_t StreamBufferFactory::metaAlive() { return gMetaAlive.load(); }
 void StreamBufferFactory::failNextImage(int n) { gFailImage = n; }
+void StreamInfoFactory::failNextBuilder(int n) { NSCam::v3::Utils::gFailBuilder = n; }
+void StreamInfoFactory::failNextBuild(int n) { NSCam::v3::Utils::gFailBuild = n; }
 void StreamBufferFactory::handOutAgain(std::shared_ptr<NSCam::v3::IImageStreamBuffer> sb) {
     std::lock_guard<std::mutex> lk(gHandOutAgainLock);
     gHandOutAgain = std::move(sb);

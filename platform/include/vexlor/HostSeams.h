@@ -155,6 +155,15 @@ public:
     static int64_t releaseToOwnerCalls();
 };
 
+// ---- stream infos --------------------------------------------------------------------------
+class StreamInfoFactory {
+public:
+    // The next `n` info builders are not made (makeImageStreamInfoBuilder returns null), or are
+    // made but build nothing; as HeapFactory::failNext.
+    static void failNextBuilder(int n);
+    static void failNextBuild(int n);
+};
+
 // ---- debuggee registry ---------------------------------------------------------------------
 class DebuggeeRegistry {
 public:
