@@ -33,8 +33,16 @@ TEST_F(RequestTest, EverySourceServesAFrameAndEveryBufferComesBack) {
 TEST_F(RequestTest, PooledBufferTakesTheRequestsInfoOrFallsBackOnALayoutChange) {
     host::setULogSwitches(5, 0x207000, 1);
     configure();
-    // Same layout, another info object: still from the pool, and the buffer carries that info.
-    auto same = imageInfo({.id = kPreview, .name = "preview-again", .max = 2, .min = 2});
+    // Same layout, another info object (stray values in a plane it does not have): still from
+    // the pool, and the buffer carries that info.
+    Utils::ImageStreamInfoParams again;
+    again.name = "preview-again";
+    again.id = kPreview;
+    again.format = kYuvFormat;
+    again.size = {640, 480};
+    again.planes = mInfos[kPreview]->planeLayout();
+    again.planes.planes[2] = {99, 7};
+    auto same = Utils::makeImageStreamInfo(again);
     auto [err1, pooled] = request(kPreview, 1, same);
     ASSERT_EQ(err1, 0);
     EXPECT_EQ(pooled->streamInfoOf().get(), same.get());

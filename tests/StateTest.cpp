@@ -80,6 +80,10 @@ TEST_F(StateTest, DumpWithTheStateOptionAddsItsSectionAfterTheUsualText) {
     EXPECT_TRUE(withState.contains("    inFlight F2 R1002 timestamp=0 remaining=2 halImage= halMeta= appMeta="));
     EXPECT_TRUE(withState.contains("    ready F1 R1001 timestamp=100 remaining=0 halImage=0x1 halMeta=0x100 appMeta=0x101"));
     EXPECT_TRUE(withState.contains("    readyCounters 0x1=1"));
+    State const state = mManager->takeState();  // nothing to print with, or nothing to print
+    printFrameBufferManagerState(nullptr, &state);
+    printFrameBufferManagerState(&plain, nullptr);
+    EXPECT_EQ(plain.lines(), usual);
     releaseEverythingAndCheck();
 }
 
