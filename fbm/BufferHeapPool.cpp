@@ -389,8 +389,7 @@ bool BufferHeapPool::isPoolNeedRelease(int32_t& needRelease) {
     return true;
 }
 
-BufferHeapPool::Stats BufferHeapPool::stats() const {
-    Stats s;
+void BufferHeapPool::countsInto(FrameBufferManagerState::Pool& s) const {
     getMaxBuffer(s.max);
     s.allocated = mAllocatedCount.load();
     s.waiting = mHeapWaiters.load();
@@ -406,7 +405,6 @@ BufferHeapPool::Stats BufferHeapPool::stats() const {
     }
     LockGuard<Mutex> lk(mHeapWaitLock);
     s.slicesWaited = mSlicesWaited;
-    return s;
 }
 
 void BufferHeapPool::noteTimeout() {

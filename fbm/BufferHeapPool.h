@@ -34,6 +34,7 @@
 #include <string>
 #include <vector>
 
+#include <fbm/IFrameBufferManagerState.h>
 #include <vexlor/ImageBufferHeap.h>
 #include <vexlor/ThreadAnnotations.h>
 
@@ -78,12 +79,9 @@ public:
     // number of in-use heaps that must come back, when that is above 0.
     bool isPoolNeedRelease(int32_t& needRelease) EXCLUDES(mCountLock, mListLock);
     void dumpPool() const EXCLUDES(mSizingLock, mListLock);
-    // Its counts, each read under the lock that writes it (one lock at a time).
-    struct Stats {
-        int32_t max = 0, allocated = 0, available = 0, inUse = 0, waiting = 0, peakInUse = 0;
-        uint64_t served = 0, timeouts = 0, slicesWaited = 0;
-    };
-    Stats stats() const EXCLUDES(mCountLock, mListLock, mHeapWaitLock);
+    // Its counts into the manager's state of it, each read under the lock that writes it (one
+    // lock at a time); the name, streams and sizes are the manager's to fill.
+    void countsInto(FrameBufferManagerState::Pool& pool) const EXCLUDES(mCountLock, mListLock, mHeapWaitLock);
     // A request through one of its producers ran out of its time-out.
     void noteTimeout() EXCLUDES(mListLock);
     char const* poolName() const { return mPoolName.c_str(); }

@@ -123,18 +123,7 @@ FrameBufferManagerState::Pool FrameBufferManagerImpl::poolStateOf(ConfigImageStr
     pool.name = config.allocInfo->streamName();
     pool.heapBytes = heapBytesOf(*config.allocInfo);
     // A deferred pool not triggered yet has no heap pool: nothing made, nothing counted.
-    if (auto heapPool = config.pPool->heapPool()) {
-        auto const s = heapPool->stats();
-        pool.max = s.max;
-        pool.allocated = s.allocated;
-        pool.available = s.available;
-        pool.inUse = s.inUse;
-        pool.waiting = s.waiting;
-        pool.served = s.served;
-        pool.timeouts = s.timeouts;
-        pool.slicesWaited = s.slicesWaited;
-        pool.peakInUse = s.peakInUse;
-    }
+    if (auto heapPool = config.pPool->heapPool()) heapPool->countsInto(pool);
     return pool;
 }
 
@@ -175,7 +164,8 @@ void printState(IPrinter& printer, FrameBufferManagerState const& state) {
 void FrameBufferManagerImpl::traceOccupancy(ConfigImageStream const& config) {
     if (config.pPool) {
         if (auto heapPool = config.pPool->heapPool()) {
-            auto const s = heapPool->stats();
+            FrameBufferManagerState::Pool s;
+            heapPool->countsInto(s);
             std::string const name = heapPool->poolName();
             atrace_int(ATRACE_TAG_CAMERA, (name + ".inUse").c_str(), s.inUse);
             atrace_int(ATRACE_TAG_CAMERA, (name + ".available").c_str(), s.available);
